@@ -1,0 +1,80 @@
+#include "register_table.h"
+
+const char *const REG_NAME_TEXT[REG_COUNT] = {
+    "X", "Y", "S", "M", "T", "C", "200C", "256C", "D", "V", "Z", "TC", "TP", "CC", "CP", "200CC", "200CP", "256CC", "256CP",
+};
+
+#define NAME(i) QLatin1String(REG_NAME_TEXT[i])
+const QString REG_LIST[REG_COUNT] = {
+    NAME(0),  NAME(1),  NAME(2),  NAME(3),  NAME(4),  NAME(5),  NAME(6),  NAME(7),  NAME(8),  NAME(9),
+    NAME(10), NAME(11), NAME(12), NAME(13), NAME(14), NAME(15), NAME(16), NAME(17), NAME(18),
+};
+#undef NAME
+
+#define ROW(f, lo, hi, kind, acc, w)                                                                     \
+    {                                                                                                    \
+        QLatin1String(f), QLatin1String(lo), QLatin1String(hi), QLatin1String(kind), QLatin1String(acc), \
+            QLatin1String(w)                                                                             \
+    }
+
+// format, min, max (in the register's radix), kind, access, width
+const QString ADDRESS_RANGE_PRO[REG_COUNT + 1][RANGE_COLUMNS] = {
+    ROW("OOO", "0", "377", "1", "RW", "1"),         // X
+    ROW("OOO", "0", "377", "1", "RW", "1"),         // Y
+    ROW("DDDD", "0", "9999", "1", "RW", "1"),       // S
+    ROW("DDDD", "0", "9999", "1", "RW", "1"),       // M
+    ROW("DDD", "0", "9999", "1", "RW", "1"),        // T
+    ROW("DDD", "0", "199", "1", "RW", "1"),         // C
+    ROW("DDD", "200", "255", "1", "RW", "1"),       // 200C
+    ROW("DDDD", "256", "9999", "1", "RW", "1"),     // 256C
+    ROW("DDDD", "0", "9999", "16", "RW", "16"),     // D
+    ROW("DDDD", "0", "9999", "16", "RW", "16"),     // V
+    ROW("DDDD", "0", "9999", "16", "RW", "16"),     // Z
+    ROW("DDDD", "0", "9999", "16", "RW", "16"),     // TC
+    ROW("DDDD", "0", "9999", "16", "RW", "16"),     // TP
+    ROW("DDD", "0", "199", "16", "RW", "16"),       // CC
+    ROW("DDD", "0", "199", "16", "RW", "16"),       // CP
+    ROW("DDD", "200", "255", "32", "RW", "32"),     // 200CC
+    ROW("DDD", "200", "255", "32", "RW", "32"),     // 200CP
+    ROW("DDD", "256", "9999", "32", "RW", "32"),    // 256CC
+    ROW("DDD", "256", "9999", "32", "RW", "32"),    // 256CP
+    ROW("DDDD", "0", "9999", "16", "RW", "16"),     // fallback for other names
+};
+#undef ROW
+
+// Z k sits at 0x6478 + 2k and V k at 0x6479 + 2k: the two families interleave.
+const int ADDRESS_REG_OFFSET[REG_COUNT] = {
+    0x0000, 0x0100, 0x0800, 0x0200, 0x0C00, 0x0E00, 0x0E00, 0x3500, 0x4338, 0x6479,
+    0x6478, 0x4000, 0x6498, 0x4200, 0x6698, 0x4200, 0x6698, 0x66D0, 0x68D0,
+};
+
+const QString PROCOTOL_DEFALT_COM_PAR = QLatin1String("19200,8,NONE,2");
+const QString PROCOTOL_DEFALT_IP_PAR = QLatin1String("192.168.1.10,8000");
+const QString PROCOTOL_NAME = QLatin1String("vorn_kq71_ap");
+const QString PROCOTOL_VERSION = QLatin1String("2.0.0.0");
+const QString PROCOTOL_PAR_HMI_SET_MODE = QLatin1String("0_0");
+
+int getIndexFromRegName(const QString &name)
+{
+    for (int i = 0; i < REG_COUNT; ++i) {
+        if (REG_LIST[i] == name)
+            return i;
+    }
+    return -1;
+}
+
+int rangeRowFor(const QString &name)
+{
+    const int idx = getIndexFromRegName(name);
+    return idx < 0 ? int(FALLBACK_ROW) : idx;
+}
+
+int rowKind(int row)
+{
+    return ADDRESS_RANGE_PRO[row][COL_KIND].toInt(0, 10);
+}
+
+int rowWidth(int row)
+{
+    return ADDRESS_RANGE_PRO[row][COL_WIDTH].toInt(0, 10);
+}

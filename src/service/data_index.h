@@ -1,0 +1,42 @@
+// Index of the cache: (station, register name, address) -> position in the
+// cache list. Open addressing over a flat array, so a lookup costs a hash and
+// a short probe whatever the cache size, and an entry costs 16 bytes.
+#ifndef SERVICE_DATA_INDEX_H
+#define SERVICE_DATA_INDEX_H
+
+#include <QtCore/QHash>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+class DataAreaIndex {
+public:
+    DataAreaIndex();
+
+    // Small stable id of a register name (names are few; ids are never reused).
+    int nameId(const QString &regName);
+
+    // Position stored for the key, or -1.
+    int find(int station, int nameId, int address) const;
+    // Record position for a key not yet present.
+    void insert(int station, int nameId, int address, int position);
+
+    void clear();
+    int size() const { return count_; }
+
+private:
+    struct Slot {
+        int station;
+        int nameId;
+        int address;
+        int position; // -1: empty
+    };
+
+    static unsigned hashKey(int station, int nameId, int address);
+    void grow();
+
+    QVector<Slot> slots_;
+    int count_;
+    QHash<QString, int> names_;
+};
+
+#endif

@@ -1,0 +1,44 @@
+#include "protocol.h"
+#include "register_table.h"
+
+#include <string.h>
+
+VARIABLE::VARIABLE() : id(0), station(0), address(0), length(0)
+{
+    memset(data, 0, sizeof(data));
+}
+
+KEY_ADDRESS::KEY_ADDRESS() : tag(0), bufOffset(0), station(0), address(0), dataType(0), length(0)
+{
+    memset(data, 0, sizeof(data));
+}
+
+FRAME_PRO::FRAME_PRO() : sendLen(0), recvLen(0), dataPos(0), itemCount(0), reserved(0)
+{
+    memset(frame, 0, sizeof(frame));
+}
+
+_RCP_VAR_PRO::_RCP_VAR_PRO() : deviceId(0), station(0), address(0), length(0), bufOffset(0), reserved(0) {}
+
+_DATA_::_DATA_()
+    : spareFlag(0), writePending(0), bitWritePending(0), monitorFlags(0), bitMonitorMask(0), station(0), address(0)
+{
+    memset(readValue, 0, sizeof(readValue));
+    memset(writtenValue, 0, sizeof(writtenValue));
+}
+
+// Members not named here keep the zeros of static storage until intf_initProperty.
+Protocol::Protocol() : listMutex(QMutex::NonRecursive), serviceLock(QMutex::Recursive)
+{
+    burstCount = 0;
+    lastJobFailed = 0;
+    rcpIndex = 0;
+    // Static initialisation order between modules is not fixed, so the names
+    // come from constant-initialised text rather than from REG_LIST.
+    for (int i = 0; i < REG_COUNT; ++i)
+        regNames.append(QString::fromLatin1(REG_NAME_TEXT[i]));
+}
+
+Protocol::~Protocol() {}
+
+__attribute__((visibility("default"))) Protocol driver;
