@@ -79,5 +79,5 @@ void DataAreaIndex::clear()
 {
     slots_.clear();
     count_ = 0;
-    names_.clear();
+    // Name ids stay valid for good: a loop that holds one survives a clear.
 }

@@ -45,8 +45,14 @@ enum {
     MERGE_BOUNDARY = 8000,
     CYCLIC_READ_ID = 4,
     MAX_WRITE_BURST = 9,     // a write is taken while burstCount <= 9
-    MAX_CONDITION_BURST = 2  // a condition read while burstCount <= 2
+    MAX_CONDITION_BURST = 2, // a condition read while burstCount <= 2
+    // No call covers more units than the whole 16-bit wire address space: a
+    // longer range cannot name PLC memory, and bounding it bounds the cache.
+    MAX_RANGE_UNITS = 0x10000
 };
+
+// Units of a range starting at address, bounded so that no address overflows.
+int boundedUnits(int address, qint64 length);
 
 class Protocol {
 public:
@@ -134,6 +140,8 @@ QString getErrorInfo(const QByteArray &reply);
 
 // --- cache ----------------------------------------------------------------
 int getIndexOfDataArea(int station, const QString &regName, int address);
+// The same lookup with the name already turned into its index id (for loops).
+int getIndexOfDataArea(int station, int nameId, const QString &regName, int address);
 void clearDataAreas();
 int _setDataAreaMonitorFlag(int station, const QString &regName, int address, int length);
 int _setBitValue(int value, int bit, int on);
@@ -151,6 +159,9 @@ void analyzeFrameOfVal(const QByteArray &reply, int itemCount, int dataPos, cons
 void addrMerge(QList<KEY_ADDRESS> &keys, int mode);
 void groupingKey(const KEY_ADDRESS &key, int maxLength, QList<KEY_ADDRESS> &out, int copyData);
 void rcpAddrToVar(const _RCP_VAR_PRO &block, VARIABLE &job, int isWrite);
+// Recipe flag bytes in the runtime's shared memory (0 when there is none).
+int recipeFlag(int offset, bool locked);
+void setRecipeFlagLocked(int offset, unsigned char value);
 
 // --- exchange cycle -----------------------------------------------------------
 void dealListWhenFinish();

@@ -1,0 +1,42 @@
+// Reports of changed units to the runtime's callback.
+#include "protocol.h"
+
+void reportValueChange(int deviceId, int station, const QString &regName, int address)
+{
+    if (driver.valueChangeCallBack)
+        driver.valueChangeCallBack(deviceId, station, regName, address);
+}
+
+namespace {
+// The record is copied out before the call: the callback may read the cache,
+// which can append records and so move the list's storage.
+void reportIfWatched(int index)
+{
+    if (!driver.valueChangeCallBack || index < 0 || index >= driver.dataAreas.size())
+        return;
+    const _DATA_ &unit = driver.dataAreas.at(index);
+    if (!(unit.monitorFlags & 1))
+        return;
+    const int station = unit.station;
+    const int address = unit.address;
+    const QString regName = unit.regName;
+    reportValueChange(driver.deviceId, station, regName, address);
+}
+} // namespace
+
+void _bitDataChange(int index)
+{
+    reportIfWatched(index);
+}
+
+// The old and new values only matter for bits watched inside a unit, which no
+// register of this family has.
+void _wordDataChange(const int *, const int *, int index, int)
+{
+    reportIfWatched(index);
+}
+
+void _dwordDataChange(const int *, const int *, int index, int)
+{
+    reportIfWatched(index);
+}

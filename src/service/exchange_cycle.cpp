@@ -1,0 +1,201 @@
+// The exchange cycle: which frame goes out next, what a reply does, resends,
+// giving up, and the bookkeeping when a job ends.
+#include "protocol.h"
+
+namespace {
+
+bool isInterleavedRegister(const QString &name)
+{
+    return name == QLatin1String("V") || name == QLatin1String("Z");
+}
+
+void startRead(int state)
+{
+    driver.cycleState = state;
+    driver.currentReadList.clear();
+    driver.currentReadList.append(driver.currentJob);
+    getReadFrame(driver.currentReadList);
+}
+
+// A raised flag with no block left to transfer is lowered at once, so that
+// it does not hold up every other job.
+void lowerOrphanRecipeFlags(int &writeFlag, int &readFlag)
+{
+    const bool blocksLeft = driver.rcpIndex >= 0 && driver.rcpIndex < driver.rcpBlocks.size();
+    if (blocksLeft)
+        return;
+    if (writeFlag == 1) {
+        setRecipeFlagLocked(KQ71_RECIPE_WRITE_FLAG, 0);
+        writeFlag = 0;
+    }
+    if (readFlag == 1) {
+        setRecipeFlagLocked(KQ71_RECIPE_READ_FLAG, 0);
+        readFlag = 0;
+    }
+}
+
+// Chooses the next job and queues its frames (none when nothing is due or the
+// job's register has no frame).
+void chooseJob()
+{
+    int writeFlag = recipeFlag(KQ71_RECIPE_WRITE_FLAG, true);
+    int readFlag = recipeFlag(KQ71_RECIPE_READ_FLAG, true);
+    lowerOrphanRecipeFlags(writeFlag, readFlag);
+    const bool blocksLeft = driver.rcpIndex >= 0 && driver.rcpIndex < driver.rcpBlocks.size();
+
+    if (driver.handshakePending) {
+        driver.cycleState = CYCLE_HANDSHAKE;
+        handShakeFrame();
+    } else if (writeFlag == 1 && blocksLeft) {
+        rcpAddrToVar(driver.rcpBlocks.at(driver.rcpIndex), driver.currentJob, 1);
+        driver.cycleState = CYCLE_RECIPE_WRITE;
+        // V and Z blocks were queued word by word already.
+        if (!isInterleavedRegister(driver.currentJob.regName))
+            getWriteFrame(driver.currentJob);
+    } else if (writeFlag != 1 && readFlag == 1 && blocksLeft) {
+        rcpAddrToVar(driver.rcpBlocks.at(driver.rcpIndex), driver.currentJob, 0);
+        startRead(CYCLE_RECIPE_READ);
+    } else if (!driver.writeJobs.isEmpty() && driver.burstCount <= MAX_WRITE_BURST) {
+        driver.currentJob = driver.writeJobs.first();
+        driver.cycleState = CYCLE_WRITE;
+        ++driver.burstCount;
+        getWriteFrame(driver.currentJob);
+    } else if (!driver.conditionReads.isEmpty() && driver.burstCount <= MAX_CONDITION_BURST) {
+        driver.currentJob = driver.conditionReads.first();
+        ++driver.burstCount;
+        startRead(CYCLE_CONDITION);
+    } else if (!driver.cyclicReads.isEmpty()) {
+        driver.currentJob = driver.cyclicReads.first();
+        driver.burstCount = 0;
+        startRead(CYCLE_CYCLIC);
+    } else {
+        driver.burstCount = 0;
+        driver.cycleState = CYCLE_IDLE;
+        driver.frameQueue.clear();
+    }
+}
+
+void endRecipeTransfer(int flagOffset)
+{
+    bool ended = true;
+    if (!driver.lastJobFailed) {
+        ++driver.rcpIndex;
+        ended = driver.rcpIndex >= driver.rcpBlocks.size();
+    }
+    if (ended) {
+        driver.rcpIndex = 0;
+        setRecipeFlagLocked(flagOffset, 0);
+    }
+}
+
+bool isLastConditionAdded(const VARIABLE &job)
+{
+    const VARIABLE &last = driver.lastCondition;
+    return job.station == last.station && job.regName == last.regName && job.address == last.address &&
+           job.length == last.length;
+}
+
+} // namespace
+
+void dealListWhenFinish()
+{
+    switch (driver.cycleState) {
+    case CYCLE_WRITE:
+        if (!driver.writeJobs.isEmpty()) {
+            QMutexLocker guard(&driver.listMutex);
+            driver.writeJobs.removeFirst();
+        }
+        break;
+    case CYCLE_CONDITION:
+        if (!driver.conditionReads.isEmpty()) {
+            if (isLastConditionAdded(driver.conditionReads.first()))
+                reportValueChange(-1, -1, QString::fromLatin1("-1"), driver.lastJobFailed == 1 ? -1 : 0);
+            // The report may have re-entered the driver: look at the list again.
+            if (driver.lastJobFailed == 1)
+                driver.conditionReads.clear();
+            else if (!driver.conditionReads.isEmpty())
+                driver.conditionReads.removeFirst();
+        }
+        break;
+    case CYCLE_CYCLIC:
+        if (driver.cyclicReads.size() >= 2)
+            driver.cyclicReads.append(driver.cyclicReads.takeFirst());
+        break;
+    case CYCLE_RECIPE_WRITE:
+        endRecipeTransfer(KQ71_RECIPE_WRITE_FLAG);
+        break;
+    case CYCLE_RECIPE_READ:
+        endRecipeTransfer(KQ71_RECIPE_READ_FLAG);
+        break;
+    default:
+        break;
+    }
+}
+
+void dealReadFrameReturnSaveData(const QByteArray &reply)
+{
+    if (driver.frameQueue.isEmpty())
+        return;
+    const FRAME_PRO &head = driver.frameQueue.first();
+    const int itemCount = head.itemCount;
+    const int dataPos = head.dataPos;
+    const VARIABLE var = head.var;
+    analyzeFrameOfVal(reply, itemCount, dataPos, var);
+}
+
+int intf_getSendFrame(FRAME_PRO *out)
+{
+    if (!out)
+        return 0;
+    ServiceLock lock;
+    if (driver.frameQueue.isEmpty())
+        chooseJob();
+    if (driver.frameQueue.isEmpty())
+        return 0;
+    *out = driver.frameQueue.first();
+    return 1;
+}
+
+int intf_dealRcvFrame(QByteArray *reply, QString *errorText)
+{
+    ServiceLock lock;
+    if (errorText)
+        *errorText = QString();
+    if (driver.frameQueue.isEmpty())
+        return 0;
+    const QByteArray bytes = reply ? *reply : QByteArray();
+    if (errorText)
+        *errorText = getErrorInfo(bytes);
+
+    const int rating = check_rcv_data(reinterpret_cast<const unsigned char *>(bytes.constData()),
+                                      driver.currentReadList, bytes.size());
+    if (rating == 0) {
+        ++driver.retryCount;
+        if (driver.retryCount < driver.retryLimit)
+            return 8;
+        driver.lastJobFailed = 1;
+        if (driver.cycleState == CYCLE_WRITE) {
+            const VARIABLE var = driver.frameQueue.first().var;
+            _write_FailOrSuc(var.station, var.regName, var.address, var.length, 0);
+        }
+        driver.frameQueue.clear();
+        driver.retryCount = 0;
+        dealListWhenFinish();
+        return 2;
+    }
+
+    driver.lastJobFailed = 0;
+    if (rating == 1) {
+        dealReadFrameReturnSaveData(bytes);
+    } else if (driver.cycleState == CYCLE_WRITE) {
+        const VARIABLE var = driver.frameQueue.first().var;
+        _write_FailOrSuc(var.station, var.regName, var.address, var.length, 1);
+    }
+    // Reports above may have re-entered the driver and emptied the queue.
+    if (!driver.frameQueue.isEmpty())
+        driver.frameQueue.removeFirst();
+    if (driver.frameQueue.isEmpty())
+        dealListWhenFinish();
+    driver.retryCount = 0;
+    return 1;
+}

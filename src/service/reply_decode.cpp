@@ -1,0 +1,186 @@
+// Decoding of a good read reply into the cache, and into the recipe buffer
+// while a recipe is being read.
+#include "kq71_protocol.h"
+#include "protocol.h"
+#include "recipe_layout.h"
+#include "register_table.h"
+
+namespace {
+
+// Reply bytes past the end read as 0.
+class ReplyBytes {
+public:
+    explicit ReplyBytes(const QByteArray &reply)
+        : bytes_(reinterpret_cast<const unsigned char *>(reply.constData())), size_(reply.size())
+    {
+    }
+    unsigned char at(qint64 i) const { return (i >= 0 && i < size_) ? bytes_[i] : 0; }
+    int size() const { return size_; }
+
+private:
+    const unsigned char *bytes_;
+    int size_;
+};
+
+void decodeBits(const ReplyBytes &reply, int count, int pos, const VARIABLE &var)
+{
+    const int nameId = driver.dataIndex.nameId(var.regName);
+    const int units = boundedUnits(var.address, count);
+    for (int i = 0; i < units; ++i) {
+        const int idx = getIndexOfDataArea(var.station, nameId, var.regName, var.address + i);
+        const quint8 bit = (reply.at(qint64(pos) + i / 8) >> (i % 8)) & 1;
+        _DATA_ &unit = driver.dataAreas[idx];
+        if (unit.readValue[0] != bit) {
+            unit.readValue[0] = bit;
+            unit.writePending = 0;
+            _bitDataChange(idx);
+        }
+    }
+}
+
+// A written value stays pending over a changed reply only for bit writes inside
+// the unit while writes are still queued.
+void clearPendingUnlessBitWrite(_DATA_ &unit)
+{
+    if (!(unit.bitWritePending != 0 && !driver.writeJobs.isEmpty()))
+        unit.writePending = 0;
+}
+
+void decodeWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &var, int stride)
+{
+    const QString name = areaName(var.regName);
+    const int nameId = driver.dataIndex.nameId(name);
+    const int units = boundedUnits(var.address, count);
+    for (int i = 0; i < units; ++i) {
+        const int idx = getIndexOfDataArea(var.station, nameId, name, var.address + i);
+        const qint64 p = pos + qint64(2) * stride * i;
+        const unsigned char b0 = reply.at(p), b1 = reply.at(p + 1);
+        _DATA_ &unit = driver.dataAreas[idx];
+        const int newValue = uchar2int16(b0, b1);
+        const int oldValue = uchar2int16(unit.readValue[0], unit.readValue[1]);
+        if (newValue != oldValue) {
+            unit.readValue[0] = b0;
+            unit.readValue[1] = b1;
+            clearPendingUnlessBitWrite(unit);
+            _wordDataChange(&oldValue, &newValue, idx, 0);
+        }
+    }
+}
+
+void decodeDoubleWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &var)
+{
+    const QString name = areaName(var.regName);
+    const int nameId = driver.dataIndex.nameId(name);
+    const int units = boundedUnits(var.address, count);
+    for (int i = 0; i < units; ++i) {
+        const int idx = getIndexOfDataArea(var.station, nameId, name, var.address + i);
+        const qint64 p = pos + qint64(4) * i;
+        unsigned char b[4];
+        for (int k = 0; k < 4; ++k)
+            b[k] = reply.at(p + k);
+        _DATA_ &unit = driver.dataAreas[idx];
+        const int newValue = uchar2int32(b[0], b[1], b[2], b[3]);
+        const int oldValue =
+            uchar2int32(unit.readValue[0], unit.readValue[1], unit.readValue[2], unit.readValue[3]);
+        if (newValue != oldValue) {
+            for (int k = 0; k < 4; ++k)
+                unit.readValue[k] = b[k];
+            clearPendingUnlessBitWrite(unit);
+            _dwordDataChange(&oldValue, &newValue, idx, 0);
+        }
+    }
+}
+
+void reportRecipeWord(int word)
+{
+    reportValueChange(0, -1, QString::fromLatin1("RWI"), word);
+}
+
+// Copies the values of the block's items from the reply to their places in the
+// recipe buffer. Each item is placed by its own bufOffset; units of an item
+// that lie outside this block belong to another block's reply.
+void copyToRecipe(const ReplyBytes &reply, int pos, const VARIABLE &var, int width, int stride)
+{
+    if (!driver.recipeBuf || driver.rcpIndex < 0 || driver.rcpIndex >= driver.rcpBlockItems.size())
+        return;
+    const QPair<int, int> items = driver.rcpBlockItems.at(driver.rcpIndex);
+    const RecipeWindow block(var.address, var.length);
+    for (int k = items.first; k < items.first + items.second && k < driver.rcpItems.size(); ++k) {
+        const _RCP_VAR_PRO item = driver.rcpItems.at(k);
+        const RecipeWindow span = block.overlap(recipeItemWindow(item));
+        for (int u = span.first; u < span.end(); ++u) {
+            const int j = u - item.address;             // unit within the item
+            const qint64 p0 = pos + qint64(u - var.address) * (width == 32 ? 4 : 2 * stride);
+            if (width == 16) {
+                const qint64 word = qint64(item.bufOffset) + j;
+                if (!storeRecipeWord(word, reply.at(p0 + 1), reply.at(p0)))
+                    continue;
+                reportRecipeWord(int(word));
+            } else if (width == 32) {
+                // One double word per item: the first one the item names.
+                if (j != 0)
+                    continue;
+                const qint64 word = item.bufOffset;
+                if (!storeRecipeWord(word, reply.at(p0 + 1), reply.at(p0)) ||
+                    !storeRecipeWord(word + 1, reply.at(p0 + 3), reply.at(p0 + 2)))
+                    continue;
+                reportRecipeWord(int(word));
+                reportRecipeWord(int(word + 1));
+            }
+        }
+    }
+}
+
+// Bits of a recipe item stand packed in the buffer, 16 to a word, least
+// significant first; each word touched is reported once.
+void copyBitsToRecipe(const ReplyBytes &reply, int pos, const VARIABLE &var)
+{
+    if (!driver.recipeBuf || driver.rcpIndex < 0 || driver.rcpIndex >= driver.rcpBlockItems.size())
+        return;
+    const QPair<int, int> items = driver.rcpBlockItems.at(driver.rcpIndex);
+    const RecipeWindow block(var.address, var.length);
+    for (int k = items.first; k < items.first + items.second && k < driver.rcpItems.size(); ++k) {
+        const _RCP_VAR_PRO item = driver.rcpItems.at(k);
+        const RecipeWindow span = block.overlap(recipeItemWindow(item));
+        qint64 lastWord = -1;
+        for (int u = span.first; u < span.end(); ++u) {
+            const int i = u - item.address;
+            const int off = u - var.address;
+            const int bit = (reply.at(qint64(pos) + off / 8) >> (off % 8)) & 1;
+            const qint64 word = qint64(item.bufOffset) + i / 16;
+            if (!storeRecipeBit(word, i % 16, bit))
+                continue;
+            if (word != lastWord && lastWord >= 0)
+                reportRecipeWord(int(lastWord));
+            lastWord = word;
+        }
+        if (lastWord >= 0)
+            reportRecipeWord(int(lastWord));
+    }
+}
+
+} // namespace
+
+void analyzeFrameOfVal(const QByteArray &replyBytes, int itemCount, int dataPos, const VARIABLE &var)
+{
+    const ReplyBytes reply(replyBytes);
+    const bool vz = var.regName == QLatin1String("V") || var.regName == QLatin1String("Z");
+    const int stride = vz ? 2 : 1;
+    const bool recipeRead = driver.cycleState == CYCLE_RECIPE_READ;
+    const int width = rowWidth(rangeRowFor(var.regName));
+    // Loops are bounded by the range limit of every call; bytes past the reply read as 0.
+    const int count = itemCount;
+
+    if (width == 1) {
+        decodeBits(reply, count, dataPos, var);
+        if (recipeRead)
+            copyBitsToRecipe(reply, dataPos, var);
+    } else if (width == 16 || width == 32) {
+        if (width == 16)
+            decodeWords(reply, count, dataPos, var, stride);
+        else
+            decodeDoubleWords(reply, count, dataPos, var);
+        if (recipeRead)
+            copyToRecipe(reply, dataPos, var, width, stride);
+    }
+}

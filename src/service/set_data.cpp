@@ -1,0 +1,194 @@
+// The runtime writes values: write jobs for the PLC, and the values mirrored
+// into the cache at once as pending.
+#include "kq71_protocol.h"
+#include "protocol.h"
+#include "register_table.h"
+
+#include <QtCore/QDebug>
+#include <QtCore/QMutexLocker>
+
+#include <string.h>
+
+namespace {
+
+bool sameRange(const VARIABLE &a, const VARIABLE &b)
+{
+    return a.station == b.station && a.regName == b.regName && a.address == b.address && a.length == b.length;
+}
+
+// A newer write to exactly the same range replaces a queued one in place; the
+// head, which the cycle sends next or is sending, is never touched. A full
+// queue keeps only the newest of the writes that do not fit.
+void queueWriteJob(const VARIABLE &job)
+{
+    QMutexLocker guard(&driver.listMutex);
+    QList<VARIABLE> &queue = driver.writeJobs;
+    for (int i = queue.size() - 1; i >= 1; --i) {
+        if (sameRange(queue.at(i), job)) {
+            queue[i] = job;
+            return;
+        }
+    }
+    if (queue.size() >= MAX_QUEUED_JOBS)
+        queue[MAX_QUEUED_JOBS - 1] = job;
+    else
+        queue.append(job);
+}
+
+// Units of one piece: no more than the piece limit, and no more than one
+// request carries, so that every job becomes a frame.
+int pieceLimit(int kind)
+{
+    int limit = kind == 1 ? driver.maxBitsPerPiece : driver.maxWordsPerPiece;
+    if (limit < 1)
+        limit = MAX_BLOCK_UNITS;
+    if (kind == 1)
+        return qMin(limit, int(MAX_WRITE_BITS));
+    if (kind == 32) {
+        // Pieces of a double-word write meet on double-word boundaries.
+        limit = qMin(limit, int(MAX_WRITE_REGISTERS)) & ~1;
+        return limit >= 2 ? limit : 2;
+    }
+    return qMin(limit, int(MAX_WRITE_REGISTERS));
+}
+
+void queueInterleavedWords(int id, int station, const QString &regName, const KEY_ADDRESS &key)
+{
+    for (int i = 0; i < key.length; ++i) {
+        VARIABLE job;
+        job.id = id;
+        job.station = station;
+        job.regName = regName;
+        job.address = key.address + i;
+        job.length = 1;
+        job.data[0] = key.data[2 * i];
+        job.data[1] = key.data[2 * i + 1];
+        qDebug() << "addVarToList" << job.station << job.regName << job.address << job.length << 2;
+        queueWriteJob(job);
+    }
+}
+
+void queuePieces(int id, const QString &regName, int kind, int width, const KEY_ADDRESS &key, qint64 &shift)
+{
+    QList<KEY_ADDRESS> pieces;
+    groupingKey(key, pieceLimit(kind), pieces, 1);
+    for (int p = 0; p < pieces.size(); ++p) {
+        const KEY_ADDRESS &piece = pieces.at(p);
+        VARIABLE job;
+        job.id = id;
+        job.station = piece.station;
+        job.regName = regName;
+        job.address = piece.address;
+        job.length = piece.length;
+        const qint64 bytes = qint64(piece.length) * (kind == 1 ? 1 : 2);
+        memcpy(job.data, piece.data, size_t(qBound<qint64>(0, bytes, KQ71_DATA_BYTES)));
+        if (kind != 1) {
+            // Job addresses and lengths count the register's own units.
+            job.address = int(piece.address - shift);
+            job.length = int(piece.length * 16.0 / width);
+            shift += piece.length - job.length;
+        }
+        qDebug() << "addVarToList" << job.station << job.regName << job.address << job.length;
+        queueWriteJob(job);
+    }
+}
+
+// A request longer than one key holds is cut into consecutive keys, so that
+// every value is written.
+void queueWrite(int station, const QString &regName, int address, int length, const unsigned char *values, int id)
+{
+    const int row = rangeRowFor(regName);
+    const int kind = rowKind(row);
+    const int width = rowWidth(row);
+    const int bytesPerUnit = kind == 1 ? 1 : 2;
+    // A key holds 1024 bits or 512 words; taking a whole number of pieces per
+    // key keeps the cut where the piece limit puts it.
+    const int limit = pieceLimit(kind);
+    const int capacity = KQ71_DATA_BYTES / bytesPerUnit;
+    const int unitsPerKey = limit <= capacity ? capacity / limit * limit : capacity;
+    const bool interleaved = regName == QLatin1String("V") || regName == QLatin1String("Z");
+    const int total = boundedUnits(address, length);
+    if (total == 0 && length != 0)
+        return; // a negative range names nothing
+    qint64 shift = 0;
+    int done = 0;
+    do {
+        KEY_ADDRESS key;
+        key.station = station;
+        key.regName = regName;
+        key.address = address + done;
+        key.length = qMin(unitsPerKey, total - done);
+        key.dataType = kind == 1 ? -1 : 0;
+        memcpy(key.data, values + qint64(done) * bytesPerUnit, size_t(key.length) * bytesPerUnit);
+        if (interleaved)
+            queueInterleavedWords(id, station, regName, key);
+        else
+            queuePieces(id, regName, kind, width, key, shift);
+        done += key.length;
+    } while (done < total);
+}
+
+} // namespace
+
+void write_saveDataToArea(int station, const QString &regName, int address, int length, const unsigned char *values)
+{
+    const int kind = rowKind(rangeRowFor(regName));
+    if (kind != 1 && kind != 16 && kind != 32)
+        return;
+    const QString name = kind == 1 ? regName : areaName(regName);
+    const int nameId = driver.dataIndex.nameId(name);
+    const int units = boundedUnits(address, kind == 32 ? length / 2 : length);
+    for (int i = 0; i < units; ++i) {
+        const int idx = getIndexOfDataArea(station, nameId, name, address + i);
+        quint8 stored[4] = {0, 0, 0, 0};
+        if (kind == 1) {
+            stored[0] = values[i];
+        } else if (kind == 16) {
+            stored[0] = values[2 * i + 1];
+            stored[1] = values[2 * i];
+        } else {
+            stored[0] = values[4 * i + 1];
+            stored[1] = values[4 * i];
+            stored[2] = values[4 * i + 3];
+            stored[3] = values[4 * i + 2];
+        }
+        {
+            const _DATA_ &unit = driver.dataAreas.at(idx);
+            const quint8 *cur = unit.writePending == 1 ? unit.writtenValue : unit.readValue;
+            // Reported before the unit takes the value: a reader in the report
+            // still sees the previous one.
+            if (kind == 1) {
+                if (cur[0] != stored[0])
+                    reportValueChange(driver.deviceId, station, regName, address + i);
+            } else if (kind == 16) {
+                const int oldValue = uchar2int16(cur[0], cur[1]);
+                const int newValue = uchar2int16(stored[0], stored[1]);
+                if (oldValue != newValue)
+                    _wordDataChange(&oldValue, &newValue, idx, 0);
+            } else {
+                const int oldValue = uchar2int32(cur[0], cur[1], cur[2], cur[3]);
+                const int newValue = uchar2int32(stored[0], stored[1], stored[2], stored[3]);
+                if (oldValue != newValue)
+                    _dwordDataChange(&oldValue, &newValue, idx, 0);
+            }
+        }
+        if (idx >= driver.dataAreas.size())
+            continue; // the report re-entered and cleared the cache
+        _DATA_ &unit = driver.dataAreas[idx];
+        memcpy(unit.writtenValue, stored, size_t(kind == 1 ? 1 : kind / 8));
+        unit.writePending = 1;
+    }
+}
+
+int intf_setData(int station, QString *regName, int address, int length, unsigned char *values, int id)
+{
+    if (!regName || (!values && length > 0))
+        return 0;
+    ServiceLock lock;
+    const QString name = *regName;
+    if (!driver.cacheOnlyWrites)
+        queueWrite(station, name, address, length, values, id);
+    if (values)
+        write_saveDataToArea(station, name, address, length, values);
+    return 1;
+}
