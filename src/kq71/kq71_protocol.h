@@ -42,6 +42,8 @@ int rateReply(const unsigned char *reply, int length, const FRAME_PRO &head);
 // 0 when next may join block, 1 when not. mode 0: touching/overlapping only;
 // other modes: gaps up to mergeGap units.
 int judgeAddrMergeWithGap(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int mode, int mergeGap);
+// The same rule for two ranges already known to share station and register.
+int judgeRangeMerge(int blockAddress, int blockLength, int nextAddress, int nextLength, int mode, int mergeGap);
 
 // Address hooks for formats that mix letters (none in this family).
 int addr_str2int(const QString &text, const QString &regName);

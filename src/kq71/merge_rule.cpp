@@ -5,16 +5,21 @@ namespace {
 const long long MERGE_LIMIT = 8000;
 }
 
+int judgeRangeMerge(int blockAddress, int blockLength, int nextAddress, int nextLength, int mode, int mergeGap)
+{
+    const long long gap = static_cast<long long>(nextAddress) - (static_cast<long long>(blockAddress) + blockLength);
+    if (mode == 0 ? gap > 0 : gap > mergeGap)
+        return 1;
+    if (blockAddress >= MERGE_LIMIT)
+        return 0;
+    return static_cast<long long>(nextAddress) + nextLength > MERGE_LIMIT ? 1 : 0;
+}
+
 int judgeAddrMergeWithGap(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int mode, int mergeGap)
 {
     if (block.station != next.station)
         return 1;
     if (block.regName != next.regName)
         return 1;
-    const long long gap = static_cast<long long>(next.address) - (static_cast<long long>(block.address) + block.length);
-    if (mode == 0 ? gap > 0 : gap > mergeGap)
-        return 1;
-    if (block.address >= MERGE_LIMIT)
-        return 0;
-    return static_cast<long long>(next.address) + next.length > MERGE_LIMIT ? 1 : 0;
+    return judgeRangeMerge(block.address, block.length, next.address, next.length, mode, mergeGap);
 }

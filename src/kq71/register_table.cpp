@@ -69,12 +69,33 @@ int rangeRowFor(const QString &name)
     return idx < 0 ? int(FALLBACK_ROW) : idx;
 }
 
+namespace {
+// The numeric columns read as integers once: every cache operation asks for them.
+struct NumericColumns {
+    int kind[REG_COUNT + 1];
+    int width[REG_COUNT + 1];
+    NumericColumns()
+    {
+        for (int row = 0; row <= REG_COUNT; ++row) {
+            kind[row] = ADDRESS_RANGE_PRO[row][COL_KIND].toInt(0, 10);
+            width[row] = ADDRESS_RANGE_PRO[row][COL_WIDTH].toInt(0, 10);
+        }
+    }
+};
+
+const NumericColumns &numericColumns()
+{
+    static const NumericColumns columns;
+    return columns;
+}
+} // namespace
+
 int rowKind(int row)
 {
-    return ADDRESS_RANGE_PRO[row][COL_KIND].toInt(0, 10);
+    return row >= 0 && row <= REG_COUNT ? numericColumns().kind[row] : 0;
 }
 
 int rowWidth(int row)
 {
-    return ADDRESS_RANGE_PRO[row][COL_WIDTH].toInt(0, 10);
+    return row >= 0 && row <= REG_COUNT ? numericColumns().width[row] : 0;
 }

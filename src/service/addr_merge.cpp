@@ -1,6 +1,7 @@
 // Read planning: the runtime's watch list becomes merged block reads of at most
 // 128 units; the same merge plans recipe blocks.
 #include "kq71_protocol.h"
+#include "debug_line.h"
 #include "protocol.h"
 #include "register_table.h"
 
@@ -12,18 +13,23 @@
 
 namespace {
 
-int pieceLimitOrBlock(int limit)
-{
-    return limit >= 1 ? limit : int(MAX_BLOCK_UNITS);
-}
+// What planning needs of a key; the key's other fields (among them its 1024
+// value bytes) are copied only into the blocks that come out.
+struct PlanKey {
+    int station;
+    QString regName;
+    int address;
+    int length;
+    int source; // index of the key in the list handed in
+};
 
-// Keys of one station and register, converted to the register's own units.
-void normaliseForCyclicRead(KEY_ADDRESS &key)
+// Converts a key to the register's own units for a cyclic read.
+void normaliseForCyclicRead(PlanKey &key)
 {
-    const QStringList parts = key.regName.split(QLatin1Char('_'));
     const int k = rowKind(rangeRowFor(key.regName));
     if (k <= 0)
         return;
+    const QStringList parts = key.regName.split(QLatin1Char('_'));
     if (parts.size() > 1 && parts.last() == QLatin1String("bit")) {
         // Bit-in-word key: read the whole words that hold its bits.
         const qint64 bits = qint64(key.length) + key.address % k;
@@ -35,7 +41,7 @@ void normaliseForCyclicRead(KEY_ADDRESS &key)
     }
 }
 
-void normaliseForRecipe(KEY_ADDRESS &key)
+void normaliseForRecipe(PlanKey &key)
 {
     const int idx = getIndexFromRegName(key.regName);
     if (idx < 0 || rowKind(idx) == 1)
@@ -47,38 +53,57 @@ void normaliseForRecipe(KEY_ADDRESS &key)
 
 // Ascending by weight compared unsigned; equal weights keep their order, as a
 // neighbour-swapping sort would leave them.
-void sortByWeight(QList<KEY_ADDRESS> &keys)
+void sortByWeight(std::vector<PlanKey> &keys)
 {
     std::vector<std::pair<quint32, int> > order;
     order.reserve(keys.size());
-    for (int i = 0; i < keys.size(); ++i) {
-        const KEY_ADDRESS &k = keys.at(i);
-        order.push_back(std::make_pair(quint32(getRegAddressWeight(k.station, k.regName, k.address, k.length)), i));
+    for (size_t i = 0; i < keys.size(); ++i) {
+        const PlanKey &k = keys[i];
+        order.push_back(std::make_pair(quint32(getRegAddressWeight(k.station, k.regName, k.address, k.length)),
+                                       int(i)));
     }
     std::stable_sort(order.begin(), order.end(),
                      [](const std::pair<quint32, int> &a, const std::pair<quint32, int> &b) {
                          return a.first < b.first;
                      });
-    QList<KEY_ADDRESS> sorted;
+    std::vector<PlanKey> sorted;
     sorted.reserve(keys.size());
     for (size_t i = 0; i < order.size(); ++i)
-        sorted.append(keys.at(order[i].second));
+        sorted.push_back(keys[order[i].second]);
     keys.swap(sorted);
 }
 
-QString planLine(const char *pattern, int index, const KEY_ADDRESS &key)
+void planLine(const char *tag, int index, const QString &regName, int address, int length)
 {
-    return QString::fromLatin1(pattern).arg(QString::number(index), key.regName, QString::number(key.address),
-                                            QString::number(key.length));
+    if (!QuotedDebugLine::enabled())
+        return;
+    QuotedDebugLine().text(tag).text(":id=").number(index).text(",reg=").name(regName).text(",address=")
+        .number(address).text(",len=").number(length).send();
 }
 
-bool joins(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int mode)
+void jobLine(int index, const VARIABLE &job)
+{
+    if (!QuotedDebugLine::enabled())
+        return;
+    QuotedDebugLine().text("step3:id=").number(index).text(",std=").number(job.station).text(",reg=")
+        .name(job.regName).text(",address=").number(job.address).text(",len=").number(job.length).send();
+}
+
+// The merge rule on plan keys.
+int judge(const PlanKey &block, const PlanKey &next, int mode)
+{
+    if (block.station != next.station || block.regName != next.regName)
+        return 1;
+    return judgeRangeMerge(block.address, block.length, next.address, next.length, mode, driver.mergeGap);
+}
+
+bool joins(const PlanKey &block, const PlanKey &next, int mode)
 {
     const qint64 span = qint64(next.address) + next.length - block.address;
-    return judgeAddrMerge(block, next, mode) == 0 && span <= MAX_BLOCK_UNITS;
+    return span <= MAX_BLOCK_UNITS && judge(block, next, mode) == 0;
 }
 
-void widen(KEY_ADDRESS &block, const KEY_ADDRESS &next)
+void widen(PlanKey &block, const PlanKey &next)
 {
     const qint64 span = qint64(next.address) + next.length - block.address;
     if (span > block.length)
@@ -87,23 +112,23 @@ void widen(KEY_ADDRESS &block, const KEY_ADDRESS &next)
         block.address = next.address;
 }
 
-// Collects emitted blocks; in recipe mode it also records which keys (items)
-// each block covers, so that every value keeps its place whatever the cut.
+// Collects blocks; in recipe mode it also records which keys (items) each
+// block covers, so that every value keeps its place whatever the cut.
 class BlockSink {
 public:
-    BlockSink(const QList<KEY_ADDRESS> &keys, bool recipe) : keys_(keys), recipe_(recipe), groupStart_(0) {}
+    BlockSink(const std::vector<PlanKey> &keys, bool recipe) : keys_(keys), recipe_(recipe), groupStart_(0) {}
 
     void startGroup(int keyIndex) { groupStart_ = keyIndex; }
 
-    void put(const KEY_ADDRESS &block, int groupEnd)
+    void put(const PlanKey &block, int groupEnd)
     {
-        out.append(block);
+        out.push_back(block);
         if (!recipe_)
             return;
         const qint64 bEnd = qint64(block.address) + block.length;
         int first = -1, last = -1;
-        for (int k = groupStart_; k <= groupEnd && k < keys_.size(); ++k) {
-            const KEY_ADDRESS &key = keys_.at(k);
+        for (int k = groupStart_; k <= groupEnd && k < int(keys_.size()); ++k) {
+            const PlanKey &key = keys_[k];
             const qint64 kEnd = qint64(key.address) + key.length;
             if (key.address < bEnd && kEnd > block.address) {
                 if (first < 0)
@@ -118,10 +143,10 @@ public:
     }
 
     // Puts out 128-unit pieces from the front of an overlong block.
-    void cutLong(KEY_ADDRESS &block, int groupEnd)
+    void cutLong(PlanKey &block, int groupEnd)
     {
         while (block.length > MAX_BLOCK_UNITS) {
-            KEY_ADDRESS piece = block;
+            PlanKey piece = block;
             piece.length = MAX_BLOCK_UNITS;
             put(piece, groupEnd);
             block.address += MAX_BLOCK_UNITS;
@@ -129,37 +154,45 @@ public:
         }
     }
 
-    QList<KEY_ADDRESS> out;
+    std::vector<PlanKey> out;
 
 private:
-    const QList<KEY_ADDRESS> &keys_;
+    const std::vector<PlanKey> &keys_;
     bool recipe_;
     int groupStart_;
 };
 
-} // namespace
-
-void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
+// Plans the blocks of a key list: cyclic reads (mode other than 2: convert,
+// sort, merge touching keys, then bridge gaps) or recipe blocks (mode 2: the
+// keys come sorted; merge touching keys only).
+std::vector<PlanKey> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
 {
-    if (keys.isEmpty())
-        return;
+    std::vector<PlanKey> keys;
+    keys.reserve(input.size());
+    for (int i = 0; i < input.size(); ++i) {
+        const KEY_ADDRESS &k = input.at(i);
+        PlanKey p = {k.station, k.regName, k.address, k.length, i};
+        keys.push_back(p);
+    }
+    if (keys.empty())
+        return keys;
     const bool recipe = mode == 2;
     if (recipe) {
-        for (int i = 0; i < keys.size(); ++i)
+        for (size_t i = 0; i < keys.size(); ++i)
             normaliseForRecipe(keys[i]);
     } else {
-        for (int i = 0; i < keys.size(); ++i)
+        for (size_t i = 0; i < keys.size(); ++i)
             normaliseForCyclicRead(keys[i]);
-        for (int i = 0; i < keys.size(); ++i)
-            qDebug() << planLine("step0:id=%1,reg=%2,address=%3,len=%4", i, keys.at(i));
+        for (size_t i = 0; i < keys.size(); ++i)
+            planLine("step0", int(i), keys[i].regName, keys[i].address, keys[i].length);
         sortByWeight(keys);
     }
 
     // Touching or overlapping keys.
     BlockSink touching(keys, recipe);
-    KEY_ADDRESS block = keys.first();
-    for (int i = 1; i < keys.size(); ++i) {
-        const KEY_ADDRESS &key = keys.at(i);
+    PlanKey block = keys.front();
+    for (int i = 1; i < int(keys.size()); ++i) {
+        const PlanKey &key = keys[i];
         touching.cutLong(block, i - 1);
         if (joins(block, key, 0)) {
             widen(block, key);
@@ -169,28 +202,48 @@ void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
             touching.startGroup(i);
         }
     }
-    touching.cutLong(block, keys.size() - 1);
-    touching.put(block, keys.size() - 1);
-
-    if (recipe) {
-        keys.swap(touching.out);
-        return;
-    }
+    touching.cutLong(block, int(keys.size()) - 1);
+    touching.put(block, int(keys.size()) - 1);
+    if (recipe)
+        return touching.out;
 
     // Bridge gaps up to mergeGap; blocks are not cut again here.
-    const QList<KEY_ADDRESS> &blocks = touching.out;
-    QList<KEY_ADDRESS> bridged;
-    KEY_ADDRESS current = blocks.first();
-    for (int i = 1; i < blocks.size(); ++i) {
-        if (joins(current, blocks.at(i), 1)) {
-            widen(current, blocks.at(i));
+    const std::vector<PlanKey> &blocks = touching.out;
+    std::vector<PlanKey> bridged;
+    PlanKey current = blocks.front();
+    for (size_t i = 1; i < blocks.size(); ++i) {
+        if (joins(current, blocks[i], 1)) {
+            widen(current, blocks[i]);
         } else {
-            bridged.append(current);
-            current = blocks.at(i);
+            bridged.push_back(current);
+            current = blocks[i];
         }
     }
-    bridged.append(current);
-    keys.swap(bridged);
+    bridged.push_back(current);
+    return bridged;
+}
+
+} // namespace
+
+void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
+{
+    const std::vector<PlanKey> blocks = planBlocks(keys, mode);
+    QList<KEY_ADDRESS> out;
+    out.reserve(int(blocks.size()));
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        // A block keeps every field of the key it started from.
+        KEY_ADDRESS block = keys.at(blocks[i].source);
+        block.regName = blocks[i].regName;
+        block.address = blocks[i].address;
+        block.length = blocks[i].length;
+        out.append(block);
+    }
+    keys.swap(out);
+}
+
+int pieceLimitOrBlock(int limit)
+{
+    return limit >= 1 ? limit : int(MAX_BLOCK_UNITS);
 }
 
 void groupingKey(const KEY_ADDRESS &key, int maxLength, QList<KEY_ADDRESS> &out, int copyData)
@@ -228,33 +281,25 @@ int intf_addrMerge(QList<KEY_ADDRESS> *keys)
         unit.monitorFlags = 0;
         unit.bitMonitorMask = 0;
     }
-    QList<KEY_ADDRESS> working;
-    working.reserve(keys->size());
     for (int i = 0; i < keys->size(); ++i) {
         const KEY_ADDRESS &key = keys->at(i);
-        working.append(key);
-        qDebug() << planLine("step:id=%1,reg=%2,address=%3,len=%4", i, key);
+        planLine("step", i, key.regName, key.address, key.length);
         _setDataAreaMonitorFlag(key.station, key.regName, key.address, key.length);
     }
     driver.cyclicReads.clear();
-    if (working.isEmpty())
+    if (keys->isEmpty())
         return 0;
-    addrMerge(working, 1);
-    for (int i = 0; i < working.size(); ++i) {
-        const KEY_ADDRESS &block = working.at(i);
+    const std::vector<PlanKey> blocks = planBlocks(*keys, 1);
+    for (size_t i = 0; i < blocks.size(); ++i) {
         VARIABLE job;
         job.id = CYCLIC_READ_ID;
-        job.station = block.station;
-        job.regName = block.regName;
-        job.address = block.address;
-        job.length = block.length;
+        job.station = blocks[i].station;
+        job.regName = blocks[i].regName;
+        job.address = blocks[i].address;
+        job.length = blocks[i].length;
         driver.cyclicReads.append(job);
     }
-    for (int k = 0; k < driver.cyclicReads.size(); ++k) {
-        const VARIABLE &job = driver.cyclicReads.at(k);
-        qDebug() << QString::fromLatin1("step3:id=%1,std=%2,reg=%3,address=%4,len=%5")
-                        .arg(QString::number(k), QString::number(job.station), job.regName,
-                             QString::number(job.address), QString::number(job.length));
-    }
+    for (int k = 0; k < driver.cyclicReads.size(); ++k)
+        jobLine(k, driver.cyclicReads.at(k));
     return driver.cyclicReads.size();
 }

@@ -1,0 +1,66 @@
+#include "debug_line.h"
+
+#include <QtCore/QtGlobal>
+#if QT_VERSION >= 0x050000
+#include <QtCore/QLoggingCategory>
+#endif
+
+QuotedDebugLine::QuotedDebugLine() : len_(0)
+{
+    text("\"");
+}
+
+bool QuotedDebugLine::enabled()
+{
+#if defined(QT_NO_DEBUG_OUTPUT)
+    return false;
+#elif QT_VERSION >= 0x050000
+    return QLoggingCategory::defaultCategory()->isDebugEnabled();
+#else
+    return true;
+#endif
+}
+
+QuotedDebugLine &QuotedDebugLine::text(const char *s)
+{
+    // Two bytes stay free for the closing quote and blank.
+    while (*s && len_ < CAPACITY - 3)
+        buf_[len_++] = *s++;
+    return *this;
+}
+
+QuotedDebugLine &QuotedDebugLine::number(int n)
+{
+    char digits[12];
+    int k = 0;
+    unsigned v = n < 0 ? 0u - unsigned(n) : unsigned(n);
+    do {
+        digits[k++] = char('0' + v % 10);
+        v /= 10;
+    } while (v);
+    if (n < 0)
+        digits[k++] = '-';
+    while (k && len_ < CAPACITY - 3)
+        buf_[len_++] = digits[--k];
+    return *this;
+}
+
+QuotedDebugLine &QuotedDebugLine::name(const QString &s)
+{
+    const QChar *c = s.constData();
+    for (int i = 0; i < s.size() && len_ < CAPACITY - 3; ++i)
+        buf_[len_++] = c[i].unicode() < 256 ? char(c[i].unicode()) : '?';
+    return *this;
+}
+
+void QuotedDebugLine::send()
+{
+    buf_[len_++] = '"';
+    buf_[len_++] = ' ';
+    buf_[len_] = '\0';
+#if QT_VERSION >= 0x050000
+    qt_message_output(QtDebugMsg, QMessageLogContext(), QString::fromLatin1(buf_, len_));
+#else
+    qt_message_output(QtDebugMsg, buf_);
+#endif
+}
