@@ -1,0 +1,61 @@
+// Addresses as a user types them in the panel editor ("D100:10", "X20:8",
+// "200CC200:2", "M8000"), checked by the driver itself.
+#ifndef KQ71_RUNTIME_ADDRESS_TEXT_H
+#define KQ71_RUNTIME_ADDRESS_TEXT_H
+
+#include "driver_library.h"
+#include "plc_map.h"
+
+#include <QtCore/QList>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+namespace kq71rt {
+
+// One register of the driver's catalogue.
+struct RegisterInfo {
+    QString name, format, min, max;
+    UnitKind kind = UnitKind::Unknown;
+    QString access;  // "R", "RW" or "W"
+};
+
+QList<RegisterInfo> registerCatalogue(const DriverLibrary &lib);
+const RegisterInfo *findRegister(const QList<RegisterInfo> &catalogue, const QString &name);
+
+// Access modes handed to the driver's check.
+enum { ACCESS_READ = 0, ACCESS_WRITE = 1 };
+
+struct TypedAddress {
+    QString text;      // as typed
+    QString regName;
+    QString addrText;  // in the register's radix
+    int count = 1;     // bits, words, or 32-bit values
+    int address = -1;  // the driver's number for addrText, once checked
+    UnitKind kind = UnitKind::Unknown;
+
+    // The object as the driver's check and watch list take it: data type -1
+    // for bits, 0 for 16-bit and 1 for 32-bit registers; the length in bits
+    // or 16-bit words (two per 32-bit value).
+    int dataType() const;
+    int driverLength() const;
+    QString unitName(int i) const;
+};
+
+// Splits the text at the longest register name that starts it and an
+// optional ":count". False with a message for text that cannot be an address.
+bool parseAddress(const QString &text, const QList<RegisterInfo> &catalogue, TypedAddress *target, QString *error);
+
+// intf_checkAddr on the target; fills target->address on success. Returns the
+// driver's code (0 valid, 1..6 refused).
+int checkAddress(const DriverLibrary &lib, TypedAddress *target, int access);
+
+// The driver's refusal in words.
+QString checkFailureText(int code, const TypedAddress &target, const QList<RegisterInfo> &catalogue);
+
+// parseAddress and checkAddress in one; the error says what is wrong.
+bool resolveAddress(const DriverLibrary &lib, const QList<RegisterInfo> &catalogue, const QString &text, int access,
+                    TypedAddress *target, QString *error);
+
+} // namespace kq71rt
+
+#endif

@@ -1,0 +1,27 @@
+// Where the units of each register live in the PLC's memory, as the
+// simulator and a Modbus peer see it: bit space or register space, and the
+// wire address of the unit's first register.
+#ifndef KQ71_RUNTIME_PLC_MAP_H
+#define KQ71_RUNTIME_PLC_MAP_H
+
+#include <QtCore/QString>
+
+namespace kq71rt {
+
+enum class UnitKind { Unknown, Bit, Word, DoubleWord };
+
+struct UnitPlace {
+    UnitKind kind = UnitKind::Unknown;
+    int wire = -1;  // bit address, or the register holding the low word
+};
+
+UnitKind unitKindOf(const QString &regName);
+UnitPlace placeOf(const QString &regName, int address);
+
+// Addresses of X and Y are octal, all others decimal.
+int addressRadix(const QString &regName);
+QString unitName(const QString &regName, int address);
+
+} // namespace kq71rt
+
+#endif
