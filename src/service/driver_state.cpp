@@ -28,7 +28,7 @@ _DATA_::_DATA_()
 }
 
 // Members not named here keep the zeros of static storage until intf_initProperty.
-Protocol::Protocol() : listMutex(QMutex::NonRecursive), serviceLock(QMutex::Recursive)
+Protocol::Protocol() : listMutex(QMutex::NonRecursive)
 {
     burstCount = 0;
     lastJobFailed = 0;

@@ -12,6 +12,8 @@
 #include <QtCore/QString>
 #include <QtCore/QVector>
 
+#include <mutex>
+
 // One cached unit of PLC memory (a bit, a word or a double word).
 struct _DATA_ {
     quint8 spareFlag;
@@ -91,7 +93,8 @@ public:
     DataAreaIndex dataIndex;
     // Serialises the runtime's threads over the cache, job lists and frame queue.
     // Recursive: the callback may call back into the driver on the same thread.
-    QMutex serviceLock;
+    // A standard mutex, so that thread checkers see what it orders.
+    std::recursive_mutex serviceLock;
     // For each recipe block, the items it covers (first item index, item count).
     // Filled beside rcpBlockStarts, so items cut over several blocks stay placed.
     QVector<QPair<int, int> > rcpBlockItems;

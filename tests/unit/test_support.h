@@ -1,0 +1,260 @@
+// Shared fixture of the runtime tests. The driver is one global object, so
+// every test resets it the way a runtime configures it, with a recording
+// callback and a small Modbus responder standing in for the PLC.
+#ifndef KQ71_TEST_SUPPORT_H
+#define KQ71_TEST_SUPPORT_H
+
+#include "kq71_protocol.h"
+#include "protocol.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QMutex>
+#include <QtCore/QString>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace kq71test {
+
+using Bytes = std::vector<unsigned char>;
+
+// One call of the value-change callback.
+struct Report {
+    int deviceId, station;
+    std::string regName;
+    int address;
+    bool operator==(const Report &o) const
+    {
+        return std::tie(deviceId, station, regName, address) == std::tie(o.deviceId, o.station, o.regName, o.address);
+    }
+};
+inline std::ostream &operator<<(std::ostream &os, const Report &r)
+{
+    return os << "(" << r.deviceId << "," << r.station << ",\"" << r.regName << "\"," << r.address << ")";
+}
+using Reports = std::vector<Report>;
+
+// Records every report; the hook runs inside the report, as a runtime would.
+struct Recorder {
+    std::mutex mu;
+    Reports reports;
+    std::function<void(const Report &)> hook;
+
+    static Recorder &get()
+    {
+        static Recorder r;
+        return r;
+    }
+    static void callback(int deviceId, int station, const QString &regName, int address)
+    {
+        const Report rep{deviceId, station, regName.toStdString(), address};
+        std::function<void(const Report &)> hook;
+        {
+            std::lock_guard<std::mutex> g(get().mu);
+            get().reports.push_back(rep);
+            hook = get().hook;
+        }
+        if (hook)
+            hook(rep);
+    }
+};
+
+inline KEY_ADDRESS key(int station, const QString &reg, int address, int length, int dataType = 0)
+{
+    KEY_ADDRESS k;
+    k.station = station;
+    k.regName = reg;
+    k.address = address;
+    k.length = length;
+    k.dataType = dataType;
+    return k;
+}
+
+inline Bytes withCrc(Bytes b)
+{
+    const unsigned short crc = computate_check(b.data(), static_cast<unsigned short>(b.size()));
+    b.push_back(crc & 0xFF);
+    b.push_back(crc >> 8);
+    return b;
+}
+inline QByteArray toQt(const Bytes &b) { return QByteArray(reinterpret_cast<const char *>(b.data()), int(b.size())); }
+inline Bytes sentBytes(const FRAME_PRO &f) { return Bytes(f.frame, f.frame + f.sendLen); }
+
+// A flat Modbus memory by wire address, independent of the driver's register
+// mapping: tests state where a value must land in the PLC.
+struct FakePlc {
+    std::map<int, quint16> regs;
+    std::map<int, int> bits;
+
+    QByteArray answer(const FRAME_PRO &f)
+    {
+        const unsigned char *q = f.frame;
+        const int fn = q[1], addr = q[2] << 8 | q[3], count = q[4] << 8 | q[5];
+        Bytes r{q[0], q[1]};
+        if (fn == 0x01) {
+            r.push_back((count + 7) / 8);
+            r.resize(3 + (count + 7) / 8, 0);
+            for (int i = 0; i < count; ++i)
+                r[3 + i / 8] |= (bits[addr + i] ? 1 : 0) << (i % 8);
+            return toQt(withCrc(r));
+        }
+        if (fn == 0x03) {
+            r.push_back(2 * count);
+            for (int i = 0; i < count; ++i) {
+                r.push_back(regs[addr + i] >> 8);
+                r.push_back(regs[addr + i] & 0xFF);
+            }
+            return toQt(withCrc(r));
+        }
+        if (fn == 0x05)
+            bits[addr] = q[4] == 0xFF;
+        else if (fn == 0x06)
+            regs[addr] = quint16(q[4] << 8 | q[5]);
+        for (int i = 0; fn == 0x0F && i < count; ++i)
+            bits[addr + i] = (q[7 + i / 8] >> (i % 8)) & 1;
+        for (int i = 0; fn == 0x10 && i < count; ++i)
+            regs[addr + i] = quint16(q[7 + 2 * i] << 8 | q[8 + 2 * i]);
+        return toQt(withCrc(Bytes(q, q + 6))); // acknowledgement
+    }
+};
+
+// Captures Qt debug messages without the quotes of the debug stream (or drops them).
+class DebugCapture {
+public:
+    explicit DebugCapture(bool keep = true) : prev_(qInstallMessageHandler(&handler))
+    {
+        lines().clear();
+        keeping() = keep;
+    }
+    ~DebugCapture() { qInstallMessageHandler(prev_); }
+    std::vector<std::string> startingWith(const std::string &prefix) const
+    {
+        std::vector<std::string> out;
+        for (const std::string &l : lines())
+            if (l.compare(0, prefix.size(), prefix) == 0)
+                out.push_back(l);
+        return out;
+    }
+
+private:
+    static std::vector<std::string> &lines() { static std::vector<std::string> l; return l; }
+    static bool &keeping() { static bool k; return k; }
+    static void handler(QtMsgType type, const QMessageLogContext &, const QString &msg)
+    {
+        static std::mutex mu;
+        std::lock_guard<std::mutex> g(mu);
+        const QString t = msg.trimmed();
+        if (type == QtDebugMsg && keeping())
+            lines().push_back((t.startsWith(QLatin1Char('"')) ? t.mid(1, t.size() - 2) : t).toStdString());
+    }
+    QtMessageHandler prev_;
+};
+
+class DriverTest : public ::testing::Test {
+protected:
+    void SetUp() override { configure("1#0#0#3#10"); }
+    void TearDown() override
+    {
+        Recorder::get().hook = nullptr;
+        intf_setAddrValueChangeCallBack(nullptr);
+    }
+
+    // Property text: deviceId#cacheOnlyWrites#-#retryLimit#mergeGap.
+    void configure(const char *property)
+    {
+        static Bytes sharedMem(KQ71_SHARED_MEM_MIN + 16), recipeBuf(8192); // outlive every test
+        static QMutex runtimeMutex;
+        std::fill(sharedMem.begin(), sharedMem.end(), 0);
+        std::fill(recipeBuf.begin(), recipeBuf.end(), 0);
+        shared_ = sharedMem.data();
+        recipe_ = recipeBuf.data();
+        intf_setAddrValueChangeCallBack(&Recorder::callback);
+        int status = -1;
+        ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, property, &runtimeMutex));
+        ServiceLock lock; // the recipe survives initialisation; a test starts without one
+        driver.rcpItems.clear();
+        driver.rcpBlocks.clear();
+        driver.rcpBlockStarts.clear();
+        driver.rcpBlockItems.clear();
+        driver.rcpIndex = 0;
+        driver.lastCondition = VARIABLE();
+        reports();
+    }
+    Reports reports()
+    {
+        std::lock_guard<std::mutex> g(Recorder::get().mu);
+        Reports out;
+        out.swap(Recorder::get().reports);
+        return out;
+    }
+    int watch(const std::vector<KEY_ADDRESS> &keys)
+    {
+        QList<KEY_ADDRESS> list;
+        for (const KEY_ADDRESS &k : keys)
+            list.append(k);
+        return intf_addrMerge(&list);
+    }
+    // intf_getData of `bytes` bytes; guard bytes after them must stay untouched.
+    Bytes get(int station, QString reg, int address, int length, int bytes)
+    {
+        Bytes out(bytes + 4, 0xEE);
+        EXPECT_EQ(1, intf_getData(station, &reg, address, length, out.data()));
+        EXPECT_EQ(Bytes(4, 0xEE), Bytes(out.begin() + bytes, out.end())) << "written past the values";
+        out.resize(bytes);
+        return out;
+    }
+    int word(int station, const QString &reg, int address)
+    {
+        const Bytes b = get(station, reg, address, 1, 2);
+        return b[0] | b[1] << 8;
+    }
+    void set(int station, QString reg, int address, int length, Bytes values, int id = 1)
+    {
+        values.resize(std::max<size_t>(values.size(), 4096), 0);
+        EXPECT_EQ(1, intf_setData(station, &reg, address, length, values.data(), id));
+    }
+    FRAME_PRO nextFrame()
+    {
+        FRAME_PRO f;
+        EXPECT_EQ(1, intf_getSendFrame(&f));
+        return f;
+    }
+    int answerWith(QByteArray reply)
+    {
+        QString err;
+        return intf_dealRcvFrame(&reply, &err);
+    }
+    // One exchange answered by plc: intf_dealRcvFrame's result, -1 when idle.
+    int step(FakePlc &plc, FRAME_PRO *sent = nullptr)
+    {
+        FRAME_PRO f;
+        if (intf_getSendFrame(&f) != 1)
+            return -1;
+        if (sent)
+            *sent = f;
+        return answerWith(plc.answer(f));
+    }
+    int runUntilIdle(FakePlc &plc, int limit = 5000)
+    {
+        int n = 0;
+        while (n < limit && step(plc) >= 0)
+            ++n;
+        EXPECT_LT(n, limit) << "the cycle never went idle";
+        return n;
+    }
+
+    unsigned char *shared_ = nullptr;
+    unsigned char *recipe_ = nullptr;
+};
+
+} // namespace kq71test
+
+#endif

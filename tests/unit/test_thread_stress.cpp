@@ -1,0 +1,84 @@
+// A runtime's UI thread reading, writing and queueing condition reads while its
+// communication thread runs the exchange: nothing crashes, no write is lost.
+#include "test_support.h"
+
+#include <atomic>
+#include <thread>
+
+using namespace kq71test;
+
+namespace {
+
+class ThreadStress : public DriverTest {};
+
+const int WORDS = 20, BITS = 16, UI_ROUNDS = 6000, EXCHANGE_CAP = 400000;
+
+bool workLeft()
+{
+    ServiceLock lock;
+    return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || !driver.frameQueue.isEmpty();
+}
+
+TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
+{
+    DebugCapture quiet(false);
+    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, -1)});
+    Recorder::get().hook = [](const Report &r) { // the runtime reads the unit inside the report
+        unsigned char value[4];
+        QString name = QString::fromStdString(r.regName);
+        if (r.station >= 0)
+            intf_getData(r.station, &name, r.address, 1, value);
+    };
+
+    std::atomic<bool> uiDone(false);
+    FakePlc plc;
+    int exchanges = 0;
+    std::thread comm([&] {
+        while ((!uiDone || workLeft()) && exchanges < EXCHANGE_CAP) {
+            FRAME_PRO f;
+            if (intf_getSendFrame(&f) != 1)
+                continue;
+            QByteArray reply = plc.answer(f);
+            if (++exchanges % 5 == 0) // a corrupted reply now and then: the frame goes out again
+                reply[reply.size() - 1] = char(reply.at(reply.size() - 1) ^ 0x5A);
+            QString err;
+            intf_dealRcvFrame(&reply, &err);
+        }
+    });
+
+    std::vector<int> lastWord(WORDS, 0), lastBit(BITS, 0);
+    QString d("D"), m("M");
+    for (int i = 0; i < UI_ROUNDS; ++i) {
+        unsigned char v[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)};
+        intf_setData(1, &d, i % WORDS, 1, v, i);
+        lastWord[i % WORDS] = i & 0xFFFF;
+        if (i % 7 == 0) {
+            unsigned char bit = (i / 7) & 1;
+            intf_setData(1, &m, i % BITS, 1, &bit, i);
+            lastBit[i % BITS] = bit;
+        }
+        if (i % 10 == 0) { // new units appear on the exchange side...
+            KEY_ADDRESS k = key(1, "D", 3000 + i, 4);
+            intf_addConditionRead(&k, i);
+        }
+        unsigned char buf[2 * WORDS];
+        intf_getData(1, &d, 0, WORDS, buf);
+        intf_getData(1, &d, 20000 + i, 1, buf); // ...and on this one
+    }
+    uiDone = true;
+    comm.join();
+    Recorder::get().hook = nullptr;
+
+    ASSERT_LT(exchanges, EXCHANGE_CAP) << "the exchange never drained the queues";
+    for (int a = 0; a < WORDS; ++a) {
+        EXPECT_EQ(lastWord[a], plc.regs[0x4338 + a]) << "D" << a;
+        EXPECT_EQ(lastWord[a], word(1, "D", a)) << "D" << a;
+    }
+    const Bytes bits = get(1, "M", 0, BITS, BITS);
+    for (int b = 0; b < BITS; ++b) {
+        EXPECT_EQ(lastBit[b], plc.bits[0x200 + b]) << "M" << b;
+        EXPECT_EQ(lastBit[b], bits[b]) << "M" << b;
+    }
+}
+
+} // namespace
