@@ -42,6 +42,7 @@
 #include <QtCore/QVector>
 
 #include <stddef.h>
+#include <string.h>
 
 #define VORN_KQ71_AP_EXPORT __attribute__((visibility("default")))
 
@@ -60,7 +61,7 @@ struct VARIABLE {
     int length;
     unsigned char data[KQ71_DATA_BYTES];
 
-    VARIABLE();
+    VARIABLE() : id(0), station(0), address(0), length(0) { memset(data, 0, sizeof(data)); }
 };
 
 /* One address key, as the runtime hands it in (watch list, condition read). */
@@ -76,7 +77,10 @@ struct KEY_ADDRESS {
     int length;
     unsigned char data[KQ71_DATA_BYTES];
 
-    KEY_ADDRESS();
+    KEY_ADDRESS() : tag(0), bufOffset(0), station(0), address(0), dataType(0), length(0)
+    {
+        memset(data, 0, sizeof(data));
+    }
 };
 
 /* One request frame with the job it belongs to. */
@@ -89,7 +93,7 @@ struct FRAME_PRO {
     int reserved;
     VARIABLE var;
 
-    FRAME_PRO();
+    FRAME_PRO() : sendLen(0), recvLen(0), dataPos(0), itemCount(0), reserved(0) { memset(frame, 0, sizeof(frame)); }
 };
 
 /* One recipe item (from the runtime) or merged recipe block (the driver's). */
@@ -102,7 +106,7 @@ struct _RCP_VAR_PRO {
     int bufOffset; /* position of the values in the recipe buffer, in 16-bit words */
     int reserved;
 
-    _RCP_VAR_PRO();
+    _RCP_VAR_PRO() : deviceId(0), station(0), address(0), length(0), bufOffset(0), reserved(0) {}
 };
 
 /*

@@ -3,23 +3,6 @@
 
 #include <string.h>
 
-VARIABLE::VARIABLE() : id(0), station(0), address(0), length(0)
-{
-    memset(data, 0, sizeof(data));
-}
-
-KEY_ADDRESS::KEY_ADDRESS() : tag(0), bufOffset(0), station(0), address(0), dataType(0), length(0)
-{
-    memset(data, 0, sizeof(data));
-}
-
-FRAME_PRO::FRAME_PRO() : sendLen(0), recvLen(0), dataPos(0), itemCount(0), reserved(0)
-{
-    memset(frame, 0, sizeof(frame));
-}
-
-_RCP_VAR_PRO::_RCP_VAR_PRO() : deviceId(0), station(0), address(0), length(0), bufOffset(0), reserved(0) {}
-
 _DATA_::_DATA_()
     : spareFlag(0), writePending(0), bitWritePending(0), monitorFlags(0), bitMonitorMask(0), station(0), address(0)
 {
