@@ -132,12 +132,12 @@ public:
             const qint64 kEnd = qint64(key.address) + key.length;
             if (key.address < bEnd && kEnd > block.address) {
                 if (first < 0)
-                    first = k;
-                last = k;
+                    first = key.source;
+                last = key.source;
             }
         }
         if (first < 0)
-            first = last = groupStart_;
+            first = last = keys_[groupStart_].source;
         driver.rcpBlockStarts.append(first);
         driver.rcpBlockItems.append(qMakePair(first, last - first + 1));
     }
@@ -174,8 +174,6 @@ std::vector<PlanKey> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
         PlanKey p = {k.station, k.regName, k.address, k.length, i};
         keys.push_back(p);
     }
-    if (keys.empty())
-        return keys;
     const bool recipe = mode == 2;
     if (recipe) {
         for (size_t i = 0; i < keys.size(); ++i)
@@ -185,8 +183,22 @@ std::vector<PlanKey> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
             normaliseForCyclicRead(keys[i]);
         for (size_t i = 0; i < keys.size(); ++i)
             planLine("step0", int(i), keys[i].regName, keys[i].address, keys[i].length);
-        sortByWeight(keys);
     }
+    // A key that names no unit reads nothing, and no key reaches beyond the
+    // range one call may name: every block stays a request a PLC can answer.
+    std::vector<PlanKey> kept;
+    kept.reserve(keys.size());
+    for (size_t i = 0; i < keys.size(); ++i) {
+        PlanKey &k = keys[i];
+        k.length = boundedUnits(k.address, k.length);
+        if (k.length > 0)
+            kept.push_back(k);
+    }
+    keys.swap(kept);
+    if (keys.empty())
+        return keys;
+    if (!recipe)
+        sortByWeight(keys);
 
     // Touching or overlapping keys.
     BlockSink touching(keys, recipe);

@@ -29,6 +29,10 @@ void queueConditionRead(const VARIABLE &job)
 
 } // namespace
 
+// Pieces longer than this would ask for more units than a request's 16-bit
+// count can say (a bit piece is read as sixteen times its bits).
+enum { MAX_CONDITION_PIECE = 4095 };
+
 int intf_addConditionRead(KEY_ADDRESS *key, int id)
 {
     if (!key)
@@ -38,24 +42,17 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
     int limit = key->dataType == -1 ? driver.maxBitsPerPiece : driver.maxWordsPerPiece;
     if (limit < 1)
         limit = MAX_BLOCK_UNITS;
+    limit = qMin(limit, int(MAX_CONDITION_PIECE));
     const bool bitInWord = key->regName.contains(QLatin1String("_bit"));
 
-    // A key within the limit is its own piece. A longer one is cut; its range is
-    // bounded like every range of a call, which bounds the work of one call.
-    int pieceCount = 1;
-    int length = key->length;
-    if (length > limit) {
-        length = boundedUnits(key->address, length);
-        pieceCount = length / limit + (length % limit ? 1 : 0);
-    }
-
-    for (int i = 0; i < pieceCount; ++i) {
-        int pieceAddress = key->address;
-        int pieceLength = key->length;
-        if (key->length > limit) {
-            pieceAddress = int(qint64(key->address) + qint64(i) * limit);
-            pieceLength = (i == pieceCount - 1 && length % limit) ? length % limit : limit;
-        }
+    // A key that names no unit reads nothing; a longer one is cut into pieces,
+    // its range bounded like every range of a call.
+    const int length = boundedUnits(key->address, key->length);
+    const int pieceCount = length <= limit ? 1 : length / limit + (length % limit ? 1 : 0);
+    bool queued = false;
+    for (int i = 0; i < pieceCount && length > 0; ++i) {
+        const int pieceAddress = int(qint64(key->address) + qint64(i) * limit);
+        const int pieceLength = (i == pieceCount - 1 && length % limit) ? length % limit : qMin(length, limit);
         VARIABLE job;
         job.id = id;
         job.station = key->station;
@@ -71,8 +68,11 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
             job.address = pieceAddress;
             job.length = w > 0 ? int(pieceLength * (16.0 / w)) : pieceLength;
         }
+        if (job.length <= 0)
+            continue; // a single word of a double-word register reads nothing
         queueConditionRead(job);
         driver.lastCondition = job;
+        queued = true;
     }
-    return 1;
+    return queued ? 1 : 0;
 }

@@ -13,24 +13,31 @@ int boundedUnits(int address, qint64 length)
     return int(length < room ? length : room);
 }
 
-int getIndexOfDataArea(int station, int nameId, const QString &regName, int address)
+AreaKey::AreaKey(const QString &regName) : name(regName), nameId(driver.dataIndex.findNameId(regName)) {}
+
+int getIndexOfDataArea(int station, AreaKey &area, int address)
 {
-    const int found = driver.dataIndex.find(station, nameId, address);
-    if (found >= 0)
-        return found;
+    if (area.nameId >= 0) {
+        const int found = driver.dataIndex.find(station, area.nameId, address);
+        if (found >= 0)
+            return found;
+    } else {
+        area.nameId = driver.dataIndex.addName(area.name);
+    }
     _DATA_ unit;
     unit.station = station;
-    unit.regName = regName;
+    unit.regName = area.name;
     unit.address = address;
     driver.dataAreas.append(unit);
     const int position = driver.dataAreas.size() - 1;
-    driver.dataIndex.insert(station, nameId, address, position);
+    driver.dataIndex.insert(station, area.nameId, address, position);
     return position;
 }
 
 int getIndexOfDataArea(int station, const QString &regName, int address)
 {
-    return getIndexOfDataArea(station, driver.dataIndex.nameId(regName), regName, address);
+    AreaKey area(regName);
+    return getIndexOfDataArea(station, area, address);
 }
 
 void clearDataAreas()
@@ -56,9 +63,9 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int address, in
     } else {
         return 0;
     }
-    const int nameId = driver.dataIndex.nameId(name);
+    AreaKey area(name);
     for (int i = 0; i < units; ++i) {
-        const int idx = getIndexOfDataArea(station, nameId, name, address + i);
+        const int idx = getIndexOfDataArea(station, area, address + i);
         driver.dataAreas[idx].monitorFlags |= 1;
     }
     return 0;

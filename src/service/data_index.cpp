@@ -6,11 +6,17 @@ const int INITIAL_SLOTS = 64; // power of two
 
 DataAreaIndex::DataAreaIndex() : count_(0) {}
 
-int DataAreaIndex::nameId(const QString &regName)
+int DataAreaIndex::findNameId(const QString &regName) const
 {
     QHash<QString, int>::const_iterator it = names_.constFind(regName);
-    if (it != names_.constEnd())
-        return it.value();
+    return it != names_.constEnd() ? it.value() : -1;
+}
+
+int DataAreaIndex::addName(const QString &regName)
+{
+    const int known = findNameId(regName);
+    if (known >= 0)
+        return known;
     const int id = names_.size();
     names_.insert(regName, id);
     return id;
@@ -79,5 +85,5 @@ void DataAreaIndex::clear()
 {
     slots_.clear();
     count_ = 0;
-    // Name ids stay valid for good: a loop that holds one survives a clear.
+    names_.clear();
 }

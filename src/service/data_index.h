@@ -12,8 +12,10 @@ class DataAreaIndex {
 public:
     DataAreaIndex();
 
-    // Small stable id of a register name (names are few; ids are never reused).
-    int nameId(const QString &regName);
+    // Small id of a register name that records carry, or -1 for a name no
+    // record has; addName gives a name its id when its first record is made.
+    int findNameId(const QString &regName) const;
+    int addName(const QString &regName);
 
     // Position stored for the key, or -1.
     int find(int station, int nameId, int address) const;

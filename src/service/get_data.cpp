@@ -19,10 +19,10 @@ int intf_getData(int station, QString *regName, int address, int length, unsigne
     if (kind != 1 && kind != 16 && kind != 32)
         return 1;
     const QString name = kind == 1 ? *regName : areaName(*regName);
-    const int nameId = driver.dataIndex.nameId(name);
+    AreaKey area(name);
     const int units = boundedUnits(address, kind == 32 ? length / 2 : length);
     for (int i = 0; i < units; ++i) {
-        const int idx = getIndexOfDataArea(station, nameId, name, address + i);
+        const int idx = getIndexOfDataArea(station, area, address + i);
         const quint8 *s = shownBytes(driver.dataAreas.at(idx));
         if (kind == 1) {
             values[i] = s[0];

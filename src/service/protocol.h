@@ -143,8 +143,13 @@ QString getErrorInfo(const QByteArray &reply);
 
 // --- cache ----------------------------------------------------------------
 int getIndexOfDataArea(int station, const QString &regName, int address);
-// The same lookup with the name already turned into its index id (for loops).
-int getIndexOfDataArea(int station, int nameId, const QString &regName, int address);
+// A register name with its index id looked up once, for loops over a range.
+struct AreaKey {
+    QString name;
+    int nameId; // -1 until a record carries the name
+    explicit AreaKey(const QString &regName);
+};
+int getIndexOfDataArea(int station, AreaKey &area, int address);
 void clearDataAreas();
 int _setDataAreaMonitorFlag(int station, const QString &regName, int address, int length);
 int _setBitValue(int value, int bit, int on);

@@ -24,10 +24,10 @@ private:
 
 void decodeBits(const ReplyBytes &reply, int count, int pos, const VARIABLE &var)
 {
-    const int nameId = driver.dataIndex.nameId(var.regName);
+    AreaKey area(var.regName);
     const int units = boundedUnits(var.address, count);
     for (int i = 0; i < units; ++i) {
-        const int idx = getIndexOfDataArea(var.station, nameId, var.regName, var.address + i);
+        const int idx = getIndexOfDataArea(var.station, area, var.address + i);
         const quint8 bit = (reply.at(qint64(pos) + i / 8) >> (i % 8)) & 1;
         _DATA_ &unit = driver.dataAreas[idx];
         if (unit.readValue[0] != bit) {
@@ -49,10 +49,10 @@ void clearPendingUnlessBitWrite(_DATA_ &unit)
 void decodeWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &var, int stride)
 {
     const QString name = areaName(var.regName);
-    const int nameId = driver.dataIndex.nameId(name);
+    AreaKey area(name);
     const int units = boundedUnits(var.address, count);
     for (int i = 0; i < units; ++i) {
-        const int idx = getIndexOfDataArea(var.station, nameId, name, var.address + i);
+        const int idx = getIndexOfDataArea(var.station, area, var.address + i);
         const qint64 p = pos + qint64(2) * stride * i;
         const unsigned char b0 = reply.at(p), b1 = reply.at(p + 1);
         _DATA_ &unit = driver.dataAreas[idx];
@@ -70,10 +70,10 @@ void decodeWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &va
 void decodeDoubleWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &var)
 {
     const QString name = areaName(var.regName);
-    const int nameId = driver.dataIndex.nameId(name);
+    AreaKey area(name);
     const int units = boundedUnits(var.address, count);
     for (int i = 0; i < units; ++i) {
-        const int idx = getIndexOfDataArea(var.station, nameId, name, var.address + i);
+        const int idx = getIndexOfDataArea(var.station, area, var.address + i);
         const qint64 p = pos + qint64(4) * i;
         unsigned char b[4];
         for (int k = 0; k < 4; ++k)

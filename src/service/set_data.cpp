@@ -136,10 +136,10 @@ void write_saveDataToArea(int station, const QString &regName, int address, int 
     if (kind != 1 && kind != 16 && kind != 32)
         return;
     const QString name = kind == 1 ? regName : areaName(regName);
-    const int nameId = driver.dataIndex.nameId(name);
+    AreaKey area(name);
     const int units = boundedUnits(address, kind == 32 ? length / 2 : length);
     for (int i = 0; i < units; ++i) {
-        const int idx = getIndexOfDataArea(station, nameId, name, address + i);
+        const int idx = getIndexOfDataArea(station, area, address + i);
         quint8 stored[4] = {0, 0, 0, 0};
         if (kind == 1) {
             stored[0] = values[i];

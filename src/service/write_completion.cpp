@@ -11,10 +11,10 @@ void _write_FailOrSuc(int station, const QString &regName, int address, int leng
     if (kind != 1 && kind != 16 && kind != 32)
         return;
     const QString name = kind == 1 ? regName : areaName(regName);
-    const int nameId = driver.dataIndex.nameId(name);
+    AreaKey area(name);
     const int units = boundedUnits(address, length);
     for (int i = 0; i < units; ++i) {
-        const int idx = getIndexOfDataArea(station, nameId, name, address + i);
+        const int idx = getIndexOfDataArea(station, area, address + i);
         _DATA_ &unit = driver.dataAreas[idx];
         // Cleared before any report: a reader inside the report sees the read value.
         unit.writePending = 0;
