@@ -97,19 +97,25 @@ int judge(const PlanKey &block, const PlanKey &next, int mode)
     return judgeRangeMerge(block.address, block.length, next.address, next.length, mode, driver.mergeGap);
 }
 
+// A key joins the block when the rule allows it and their union spans at most
+// one block. The union keeps the block's end: after a long key was cut, the
+// next key may start before the part of it still to be read.
+qint64 unionSpan(const PlanKey &block, const PlanKey &next)
+{
+    const qint64 start = qMin(block.address, next.address);
+    const qint64 end = qMax(qint64(block.address) + block.length, qint64(next.address) + next.length);
+    return end - start;
+}
+
 bool joins(const PlanKey &block, const PlanKey &next, int mode)
 {
-    const qint64 span = qint64(next.address) + next.length - block.address;
-    return span <= MAX_BLOCK_UNITS && judge(block, next, mode) == 0;
+    return unionSpan(block, next) <= MAX_BLOCK_UNITS && judge(block, next, mode) == 0;
 }
 
 void widen(PlanKey &block, const PlanKey &next)
 {
-    const qint64 span = qint64(next.address) + next.length - block.address;
-    if (span > block.length)
-        block.length = int(span);
-    if (next.address < block.address)
-        block.address = next.address;
+    block.length = int(unionSpan(block, next));
+    block.address = qMin(block.address, next.address);
 }
 
 // Collects blocks; in recipe mode it also records which keys (items) each

@@ -119,7 +119,8 @@ void queueWrite(int station, const QString &regName, int address, int length, co
         key.address = address + done;
         key.length = qMin(unitsPerKey, total - done);
         key.dataType = kind == 1 ? -1 : 0;
-        memcpy(key.data, values + qint64(done) * bytesPerUnit, size_t(key.length) * bytesPerUnit);
+        if (key.length > 0)
+            memcpy(key.data, values + qint64(done) * bytesPerUnit, size_t(key.length) * bytesPerUnit);
         if (interleaved)
             queueInterleavedWords(id, station, regName, key);
         else
