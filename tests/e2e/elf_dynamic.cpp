@@ -34,6 +34,7 @@ bool readString(const Bytes &file, std::uint64_t begin, std::uint64_t size, std:
 
 struct Elf32Types {
     using Ehdr = Elf32_Ehdr;
+    using Phdr = Elf32_Phdr;
     using Shdr = Elf32_Shdr;
     using Sym = Elf32_Sym;
     using Dyn = Elf32_Dyn;
@@ -44,6 +45,7 @@ struct Elf32Types {
 
 struct Elf64Types {
     using Ehdr = Elf64_Ehdr;
+    using Phdr = Elf64_Phdr;
     using Shdr = Elf64_Shdr;
     using Sym = Elf64_Sym;
     using Dyn = Elf64_Dyn;
@@ -64,6 +66,17 @@ public:
             return fail("truncated ELF header");
         if (header.e_type != ET_DYN)
             return fail("not a shared object");
+        if (header.e_phnum > 0 && header.e_phentsize < sizeof(typename E::Phdr))
+            return fail("bad program header size");
+        for (unsigned i = 0; i < header.e_phnum; ++i) {
+            typename E::Phdr segment;
+            if (!readAt(file_, header.e_phoff + std::uint64_t(i) * header.e_phentsize, segment))
+                return fail("program header outside the file");
+            ProgramHeader out;
+            out.type = segment.p_type;
+            out.flags = segment.p_flags;
+            info_.programHeaders.push_back(out);
+        }
         if (header.e_shentsize < sizeof(typename E::Shdr))
             return fail("bad section header size");
         for (unsigned i = 0; i < header.e_shnum; ++i) {
@@ -77,7 +90,7 @@ public:
             if (section.sh_type == SHT_DYNSYM)
                 ok = readSymbols(section);
             else if (section.sh_type == SHT_DYNAMIC)
-                ok = readSoname(section);
+                ok = readDynamic(section);
             else if (section.sh_type == SHT_GNU_verdef)
                 ok = readVersionDefinitions(section);
             if (!ok)
@@ -128,7 +141,7 @@ private:
         return true;
     }
 
-    bool readSoname(const typename E::Shdr &section)
+    bool readDynamic(const typename E::Shdr &section)
     {
         std::uint64_t strBegin, strSize;
         if (!linkedStrings(section, strBegin, strSize))
@@ -140,6 +153,10 @@ private:
                 return fail("dynamic entry outside the file");
             if (entry.d_tag == DT_NULL)
                 break;
+            DynamicEntry out;
+            out.tag = entry.d_tag;
+            out.value = entry.d_un.d_val;
+            info_.dynamicEntries.push_back(out);
             if (entry.d_tag == DT_SONAME && !readString(file_, strBegin, strSize, entry.d_un.d_val, info_.soname))
                 return fail("SONAME outside its string table");
         }
