@@ -54,10 +54,42 @@ const QString PROCOTOL_NAME = QLatin1String("vorn_kq71_ap");
 const QString PROCOTOL_VERSION = QLatin1String("2.0.0.0");
 const QString PROCOTOL_PAR_HMI_SET_MODE = QLatin1String("0_0");
 
+namespace {
+// A short Latin-1 name packed into one integer (0 for anything longer than 7
+// characters or outside Latin-1, which no register name is).
+quint64 packName(const QChar *c, int size)
+{
+    if (size <= 0 || size > 7)
+        return 0;
+    quint64 v = quint64(size);
+    for (int i = 0; i < size; ++i) {
+        const ushort u = c[i].unicode();
+        if (u == 0 || u > 0xFF)
+            return 0;
+        v = (v << 8) | u;
+    }
+    return v;
+}
+struct PackedNames {
+    quint64 packed[REG_COUNT];
+    PackedNames()
+    {
+        for (int i = 0; i < REG_COUNT; ++i) {
+            const QString n = QString::fromLatin1(REG_NAME_TEXT[i]);
+            packed[i] = packName(n.constData(), n.size());
+        }
+    }
+};
+}
+
 int getIndexFromRegName(const QString &name)
 {
+    static const PackedNames names;
+    const quint64 v = packName(name.constData(), name.size());
+    if (v == 0)
+        return -1;
     for (int i = 0; i < REG_COUNT; ++i) {
-        if (REG_LIST[i] == name)
+        if (names.packed[i] == v)
             return i;
     }
     return -1;

@@ -29,13 +29,13 @@ void normaliseForCyclicRead(PlanKey &key)
     const int k = rowKind(rangeRowFor(key.regName));
     if (k <= 0)
         return;
-    const QStringList parts = key.regName.split(QLatin1Char('_'));
-    if (parts.size() > 1 && parts.last() == QLatin1String("bit")) {
+    const int lastCut = key.regName.lastIndexOf(QLatin1Char('_'));
+    if (lastCut >= 0 && key.regName.size() - lastCut == 4 && key.regName.endsWith(QLatin1String("bit"))) {
         // Bit-in-word key: read the whole words that hold its bits.
         const qint64 bits = qint64(key.length) + key.address % k;
         key.length = int(bits % k != 0 ? bits / k + 1 : bits / k);
         key.address = key.address / k;
-        key.regName = parts.first();
+        key.regName = key.regName.left(key.regName.indexOf(QLatin1Char('_')));
     } else if (k != 1) {
         key.length = int(key.length * (16.0 / k));
     }

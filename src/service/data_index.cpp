@@ -40,7 +40,8 @@ int DataAreaIndex::find(int station, int nameId, int address) const
     const unsigned mask = unsigned(slots_.size()) - 1;
     unsigned i = hashKey(station, nameId, address) & mask;
     const Slot *s = slots_.constData();
-    // The table is never more than half full, so the probe ends at an empty slot.
+    // The table is never more than three quarters full, so the probe ends at an
+    // empty slot.
     for (;;) {
         const Slot &slot = s[i];
         if (slot.position < 0)
@@ -53,7 +54,7 @@ int DataAreaIndex::find(int station, int nameId, int address) const
 
 void DataAreaIndex::insert(int station, int nameId, int address, int position)
 {
-    if (2 * (count_ + 1) > slots_.size())
+    if (4 * (count_ + 1) > 3 * slots_.size())
         grow();
     const unsigned mask = unsigned(slots_.size()) - 1;
     unsigned i = hashKey(station, nameId, address) & mask;
@@ -83,7 +84,7 @@ void DataAreaIndex::grow()
 
 void DataAreaIndex::clear()
 {
-    slots_.clear();
+    slots_ = QVector<Slot>();
     count_ = 0;
     names_.clear();
 }

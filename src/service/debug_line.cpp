@@ -1,6 +1,8 @@
 #include "debug_line.h"
 
 #include <QtCore/QtGlobal>
+
+#include <string.h>
 #if QT_VERSION >= 0x050000
 #include <QtCore/QLoggingCategory>
 #endif
@@ -24,8 +26,10 @@ bool QuotedDebugLine::enabled()
 QuotedDebugLine &QuotedDebugLine::text(const char *s)
 {
     // Two bytes stay free for the closing quote and blank.
-    while (*s && len_ < CAPACITY - 3)
-        buf_[len_++] = *s++;
+    const size_t room = size_t(CAPACITY - 3 - len_);
+    const size_t n = strnlen(s, room);
+    memcpy(buf_ + len_, s, n);
+    len_ += int(n);
     return *this;
 }
 
@@ -59,7 +63,14 @@ void QuotedDebugLine::send()
     buf_[len_++] = ' ';
     buf_[len_] = '\0';
 #if QT_VERSION >= 0x050000
-    qt_message_output(QtDebugMsg, QMessageLogContext(), QString::fromLatin1(buf_, len_));
+    // One string per thread, reused: no allocation per line unless a handler
+    // keeps the text (then it detaches).
+    static thread_local QString line;
+    line.resize(len_);
+    QChar *d = line.data();
+    for (int i = 0; i < len_; ++i)
+        d[i] = QLatin1Char(buf_[i]);
+    qt_message_output(QtDebugMsg, QMessageLogContext(), line);
 #else
     qt_message_output(QtDebugMsg, buf_);
 #endif

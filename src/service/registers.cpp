@@ -1,9 +1,11 @@
 #include "protocol.h"
+#include "register_table.h"
 
 int getRegAddressWeight(int station, const QString &regName, int address, int /*length*/)
 {
     const int n = driver.regNames.size();
-    const int idx = driver.regNames.indexOf(regName);
+    // regNames is REG_LIST copied in order and never changed.
+    const int idx = getIndexFromRegName(regName);
     // The key is defined to wrap at 32 bits; unsigned arithmetic wraps without
     // undefined behaviour, and merging compares the result as unsigned anyway.
     const quint32 row = quint32(station) * quint32(n) + quint32(idx);
