@@ -6,7 +6,8 @@ namespace {
 
 bool sameRange(const VARIABLE &a, const VARIABLE &b)
 {
-    return a.station == b.station && a.regName == b.regName && a.address == b.address && a.length == b.length;
+    // Numbers first: the name compare is the costly one.
+    return a.address == b.address && a.length == b.length && a.station == b.station && a.regName == b.regName;
 }
 
 // A waiting copy of the same read is refreshed in place; the head, which the

@@ -13,7 +13,8 @@ namespace {
 
 bool sameRange(const VARIABLE &a, const VARIABLE &b)
 {
-    return a.station == b.station && a.regName == b.regName && a.address == b.address && a.length == b.length;
+    // Numbers first: the name compare is the costly one.
+    return a.address == b.address && a.length == b.length && a.station == b.station && a.regName == b.regName;
 }
 
 // A newer write to exactly the same range replaces a queued one in place; the
