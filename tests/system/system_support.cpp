@@ -1,13 +1,9 @@
 #include "system_support.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <termios.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
+
+
+#include <random>
 
 namespace kq71test {
 
@@ -27,23 +23,17 @@ DriverLibrary *driver(QString *why)
     return lib.loaded() ? &lib : nullptr;
 }
 
-KEY_ADDRESS key(int station, const QString &reg, int address, int dataType, int length)
+KEY_ADDRESS area(const QString &reg, int address, int units)
 {
+    const UnitKind kind = unitKindOf(reg);
     KEY_ADDRESS k;
-    k.station = station;
+    k.station = 1;
     k.regName = reg;
     k.address = address;
-    k.dataType = dataType;
-    k.length = length;
+    k.dataType = kind == UnitKind::Bit ? -1 : kind == UnitKind::DoubleWord ? 1 : 0;
+    k.length = kind == UnitKind::DoubleWord ? 2 * units : units;
     return k;
 }
-
-KEY_ADDRESS wordKey(const QString &reg, int address, int words)
-{
-    return key(1, reg, address, unitKindOf(reg) == UnitKind::DoubleWord ? 1 : 0, words);
-}
-
-KEY_ADDRESS bitKey(const QString &reg, int address, int bits) { return key(1, reg, address, -1, bits); }
 
 quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int address)
 {
@@ -54,7 +44,7 @@ quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int addre
     case UnitKind::Word:
         return sim.reg(p.wire);
     case UnitKind::DoubleWord:
-        return quint32(sim.reg(p.wire)) | quint32(sim.reg(p.wire + 1)) << 16;  // low word first
+        return quint32(sim.reg(p.wire)) | quint32(sim.reg(p.wire + 1)) << 16; // low word first
     default:
         return 0xFFFFFFFF;
     }
@@ -63,20 +53,24 @@ quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int addre
 void setSimValue(kq71sim::PlcSimulator &sim, const QString &reg, int address, quint32 value)
 {
     const UnitPlace p = placeOf(reg, address);
-    switch (p.kind) {
-    case UnitKind::Bit:
+    if (p.kind == UnitKind::Bit)
         sim.setBit(p.wire, value != 0);
-        break;
-    case UnitKind::Word:
+    if (p.kind == UnitKind::Word || p.kind == UnitKind::DoubleWord)
         sim.setReg(p.wire, quint16(value));
-        break;
-    case UnitKind::DoubleWord:
-        sim.setReg(p.wire, quint16(value));
+    if (p.kind == UnitKind::DoubleWord)
         sim.setReg(p.wire + 1, quint16(value >> 16));
-        break;
-    default:
-        break;
+}
+
+std::vector<quint32> fillSim(kq71sim::PlcSimulator &sim, const QString &reg, int address, int units, quint32 seed)
+{
+    std::mt19937 rng(seed);
+    std::vector<quint32> v;
+    const UnitKind kind = unitKindOf(reg);
+    for (int i = 0; i < units; ++i) {
+        v.push_back(kind == UnitKind::Bit ? rng() & 1 : kind == UnitKind::Word ? rng() & 0xFFFF : rng());
+        setSimValue(sim, reg, address + i, v.back());
     }
+    return v;
 }
 
 QByteArray valueBytes(UnitKind kind, quint32 value)
@@ -90,8 +84,7 @@ QByteArray valueBytes(UnitKind kind, quint32 value)
 
 quint32 cachedValue(Runtime &rt, int station, const QString &reg, int address)
 {
-    const UnitKind kind = unitKindOf(reg);
-    const QByteArray b = rt.read(station, reg, address, kind == UnitKind::DoubleWord ? 2 : 1);
+    const QByteArray b = rt.read(station, reg, address, unitKindOf(reg) == UnitKind::DoubleWord ? 2 : 1);
     quint32 v = 0;
     for (int i = b.size() - 1; i >= 0; --i)
         v = v << 8 | static_cast<unsigned char>(b[i]);
@@ -129,111 +122,11 @@ SimBench::SimBench(const kq71sim::SimOptions &simOptions, const RuntimeOptions &
     rt.start();
 }
 
-PtyPair::PtyPair()
+void SimBench::expectCacheMatchesSim(const QString &reg, int address, int units)
 {
-    master_ = posix_openpt(O_RDWR | O_NOCTTY);
-    char name[128] = {0};
-    if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0 || ptsname_r(master_, name, sizeof name) != 0)
-        return;
-    termios t;
-    if (tcgetattr(master_, &t) == 0) {
-        cfmakeraw(&t);
-        tcsetattr(master_, TCSANOW, &t);
-    }
-    slavePath_ = name;
-}
-
-PtyPair::~PtyPair()
-{
-    if (master_ >= 0)
-        close(master_);
-}
-
-SimServer::SimServer(kq71sim::PlcSimulator &sim, std::mutex &mutex) : sim_(sim), mutex_(mutex) {}
-
-SimServer::~SimServer() { stop(); }
-
-void SimServer::stop()
-{
-    stop_ = true;
-    if (thread_.joinable())
-        thread_.join();
-    if (listener_ >= 0) {
-        close(listener_);
-        listener_ = -1;
-    }
-}
-
-void SimServer::serve(int fd, const std::function<bool()> &keepGoing)
-{
-    kq71sim::RtuFramer framer;
-    char buf[1024];
-    while (!stop_ && keepGoing()) {
-        pollfd p = {fd, POLLIN, 0};
-        const int r = poll(&p, 1, 20);
-        if (r == 0) {
-            framer.flush();  // the line fell silent: whatever is half there is garbage
-            continue;
-        }
-        if (r < 0 || !(p.revents & POLLIN))
-            return;
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n <= 0)
-            return;
-        for (const QByteArray &frame : framer.feed(QByteArray(buf, int(n)))) {
-            kq71sim::SimReply reply;
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                reply = sim_.answer(frame);
-            }
-            if (reply.delayMs > 0)
-                usleep(useconds_t(reply.delayMs) * 1000);
-            if (!reply.bytes.isEmpty() && write(fd, reply.bytes.constData(), size_t(reply.bytes.size())) < 0)
-                return;
-        }
-    }
-}
-
-void SimServer::serveFd(int fd)
-{
-    thread_ = std::thread([this, fd] { serve(fd, [] { return true; }); });
-}
-
-int SimServer::listenTcp()
-{
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (listener_ < 0 || bind(listener_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-        listen(listener_, 1) != 0 || getsockname(listener_, reinterpret_cast<sockaddr *>(&a), &len) != 0)
-        return -1;
-    const int l = listener_;
-    thread_ = std::thread([this, l] { acceptLoop(l); });
-    return ntohs(a.sin_port);
-}
-
-void SimServer::dropConnection()
-{
-    dropRequested_ = true;
-    for (int i = 0; i < 100 && dropRequested_; ++i)
-        usleep(10000);
-}
-
-void SimServer::acceptLoop(int listener)
-{
-    while (!stop_) {
-        pollfd p = {listener, POLLIN, 0};
-        if (poll(&p, 1, 20) <= 0)
-            continue;
-        const int conn = accept(listener, nullptr, nullptr);
-        if (conn < 0)
-            continue;
-        ++connections_;
-        serve(conn, [this] { return !dropRequested_.exchange(false); });
-        close(conn);
-    }
+    for (int i = 0; i < units; ++i)
+        EXPECT_EQ(cachedValue(rt, 1, reg, address + i), simValue(sim, reg, address + i))
+            << unitName(reg, address + i).toStdString();
 }
 
 } // namespace kq71test

@@ -1,6 +1,7 @@
-// The runtime's real links: a serial port (the slave end of a pseudo-terminal)
-// and RTU over TCP, with the simulated PLC served from a thread on the far end;
-// and the loading of the driver that sits behind them.
+// The runtime's real links, with the kq71-sim program on the far end: a serial
+// port (the slave end of its pseudo-terminal) and RTU over TCP; and the
+// loading of the driver that sits behind them.
+#include "sim_process.h"
 #include "system_support.h"
 
 #include <gtest/gtest.h>
@@ -16,81 +17,55 @@ protected:
     {
         QString why;
         ASSERT_NE(driver(&why), nullptr) << why.toStdString();
-        for (int i = 0; i < 8; ++i)
-            setSim("D", i, 1000 + 7 * i);
     }
-
-    void setSim(const QString &reg, int address, quint32 v)
+    // Writes D3 and reads D0..D7 back until the PLC's value shows, then once more.
+    void writeAndReadBack(Runtime &rt, quint32 value)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        setSimValue(sim_, reg, address, v);
+        const int jobs = rt.watch({area("D", 0, 8)});
+        rt.write(1, "D", 3, 1, valueBytes(UnitKind::Word, value), 60);
+        ASSERT_TRUE(runCyclicReads(rt, 2 * jobs, 50));
+        for (int i = 0; i < 8; ++i) // a write the PLC did not keep would be read back as 0
+            EXPECT_EQ(cachedValue(rt, 1, "D", i), i == 3 ? value : 0u) << "D" << i;
     }
-    quint32 sim(const QString &reg, int address)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return simValue(sim_, reg, address);
-    }
-
-    kq71sim::PlcSimulator sim_;
-    std::mutex mutex_;
 };
 
 TEST_F(Links, SerialPortLinkOnAPseudoTerminalReadsAndWritesThePlc)
 {
-    PtyPair pty;
-    ASSERT_TRUE(pty.ok());
-    SimServer server(sim_, mutex_);
-    server.serveFd(pty.master());
-
+    SimProcess sim({"--pty", "--quiet"});
+    ASSERT_TRUE(sim.first.startsWith("PTY /dev/")) << sim.first.toStdString();
     SerialSettings s;
-    s.device = QString::fromStdString(pty.slavePath());
+    s.device = sim.first.mid(4);
     s.baud = 115200;
     SerialLink link(s);
     QString error;
     ASSERT_TRUE(link.open(&error)) << error.toStdString();
     Runtime rt(*driver(), link);
     rt.start();
-    const int jobs = rt.watch({wordKey("D", 0, 8)});
-    ASSERT_TRUE(runCyclicReads(rt, jobs, 50));
-    for (int i = 0; i < 8; ++i)
-        EXPECT_EQ(cachedValue(rt, 1, "D", i), sim("D", i));
-
-    rt.write(1, "D", 5, 1, valueBytes(UnitKind::Word, 4242), 60);
-    ASSERT_TRUE(runCyclicReads(rt, 2 * jobs, 50));
-    EXPECT_EQ(sim("D", 5), 4242u);
+    writeAndReadBack(rt, 4242);
     EXPECT_EQ(rt.stats().retries, 0u) << rt.stats().lastError.toStdString();
-}
 
-TEST_F(Links, SerialPortThatCannotBeOpenedSaysWhich)
-{
-    SerialSettings s;
-    s.device = "/nonexistent/ttyKQ71";
-    SerialLink link(s);
-    QString error;
-    EXPECT_FALSE(link.open(&error));
+    SerialSettings missing;
+    missing.device = "/nonexistent/ttyKQ71";
+    EXPECT_FALSE(SerialLink(missing).open(&error));
     EXPECT_TRUE(error.startsWith("cannot open /nonexistent/ttyKQ71")) << error.toStdString();
 }
 
 TEST_F(Links, TcpLinkCarriesRtuFramesAndReconnectsAfterTheConnectionDrops)
 {
-    SimServer server(sim_, mutex_);
-    const int port = server.listenTcp();
-    ASSERT_GT(port, 0);
-    TcpLink link("127.0.0.1", port);
+    std::unique_ptr<SimProcess> sim(new SimProcess({"--tcp", "0", "--quiet"}));
+    ASSERT_TRUE(sim->first.startsWith("TCP 127.0.0.1:")) << sim->first.toStdString();
+    const QString port = sim->first.mid(14);
+    TcpLink link("127.0.0.1", port.toInt());
     QString error;
     ASSERT_TRUE(link.open(&error)) << error.toStdString();
     Runtime rt(*driver(), link);
     rt.start();
-    const int jobs = rt.watch({wordKey("D", 0, 8)});
-    ASSERT_TRUE(runCyclicReads(rt, jobs, 50));
-    EXPECT_EQ(cachedValue(rt, 1, "D", 3), 1021u);
+    writeAndReadBack(rt, 777);
 
-    server.dropConnection();
-    setSim("D", 3, 777);
-    for (int i = 0; i < 50 && cachedValue(rt, 1, "D", 3) != 777; ++i)
-        runCyclicReads(rt, jobs, 10);
-    EXPECT_EQ(cachedValue(rt, 1, "D", 3), 777u);
-    EXPECT_EQ(server.connections(), 2);
+    sim.reset(); // the PLC restarts, cleared: the connection is gone
+    sim.reset(new SimProcess({"--tcp", port, "--quiet"}));
+    ASSERT_EQ(sim->first.toStdString(), "TCP 127.0.0.1:" + port.toStdString());
+    writeAndReadBack(rt, 778);
     EXPECT_EQ(rt.stats().givenUp, 0u) << rt.stats().lastError.toStdString();
 }
 
@@ -111,13 +86,8 @@ TEST(DriverLoading, LinkDefaultsComeFromTheDriversParameterText)
     QString why;
     ASSERT_NE(driver(&why), nullptr) << why.toStdString();
     const DriverDefaults d = driver()->defaults();
-    EXPECT_EQ(d.baud, 19200);
-    EXPECT_EQ(d.dataBits, 8);
-    EXPECT_EQ(d.parity, "NONE");
-    EXPECT_EQ(d.stopBits, 2);
-    EXPECT_EQ(d.port, 8000);
-    EXPECT_EQ(d.name, "vorn_kq71_ap");
-    EXPECT_EQ(d.registers.size(), 19);
+    EXPECT_EQ(std::make_tuple(d.baud, d.dataBits, d.parity, d.stopBits, d.port, d.name, d.registers.size()),
+              std::make_tuple(19200, 8, QString("NONE"), 2, 8000, QString("vorn_kq71_ap"), 19));
 }
 
 } // namespace

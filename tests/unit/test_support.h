@@ -1,6 +1,6 @@
-// Shared fixture of the runtime tests. The driver is one global object, so
-// every test resets it the way a runtime configures it, with a recording
-// callback and a small Modbus responder standing in for the PLC.
+// Shared helpers of the unit tests: byte strings as a line monitor shows them,
+// record builders, a flat Modbus memory standing in for the PLC, and the
+// fixture that configures the one global driver as a runtime does.
 #ifndef KQ71_TEST_SUPPORT_H
 #define KQ71_TEST_SUPPORT_H
 
@@ -14,10 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -25,24 +25,61 @@
 namespace kq71test {
 
 using Bytes = std::vector<unsigned char>;
+const int BIT = -1; // data type of a bit object
 
-// One call of the value-change callback.
-struct Report {
-    int deviceId, station;
-    std::string regName;
-    int address;
-    bool operator==(const Report &o) const
-    {
-        return std::tie(deviceId, station, regName, address) == std::tie(o.deviceId, o.station, o.regName, o.address);
-    }
-};
-inline std::ostream &operator<<(std::ostream &os, const Report &r)
+// "01 03 43 9C": characters other than hex digits are skipped.
+inline Bytes hexBytes(const char *text)
 {
-    return os << "(" << r.deviceId << "," << r.station << ",\"" << r.regName << "\"," << r.address << ")";
+    const QByteArray b = QByteArray::fromHex(QByteArray(text));
+    return Bytes(b.begin(), b.end());
 }
+inline std::string hexText(const unsigned char *bytes, int count)
+{
+    return QByteArray(reinterpret_cast<const char *>(bytes), count).toHex(' ').toUpper().toStdString();
+}
+inline Bytes withCrc(Bytes b)
+{
+    const unsigned short crc = computate_check(b.data(), static_cast<unsigned short>(b.size()));
+    b.push_back(crc & 0xFF);
+    b.push_back(crc >> 8);
+    return b;
+}
+inline QByteArray toQt(const Bytes &b) { return QByteArray(reinterpret_cast<const char *>(b.data()), int(b.size())); }
+inline Bytes sentBytes(const FRAME_PRO &f) { return Bytes(f.frame, f.frame + f.sendLen); }
+
+inline KEY_ADDRESS key(int station, const QString &reg, int address, int length, int dataType = 0)
+{
+    KEY_ADDRESS k;
+    k.station = station;
+    k.regName = reg;
+    k.address = address;
+    k.length = length;
+    k.dataType = dataType;
+    return k;
+}
+inline VARIABLE job(const QString &reg, int address, int length, int station = 1)
+{
+    VARIABLE v;
+    v.station = station;
+    v.regName = reg;
+    v.address = address;
+    v.length = length;
+    return v;
+}
+// The request the builders lay down for v; sendLen -1 when refused (a refusal leaves the record alone).
+inline FRAME_PRO frameFor(const VARIABLE &v, bool write)
+{
+    FRAME_PRO f;
+    f.sendLen = -1;
+    write ? buildWriteFrame(v, f) : buildReadFrame(v, f);
+    return f;
+}
+
+// One call of the value-change callback: deviceId, station, register, address.
+using Report = std::tuple<int, int, std::string, int>;
 using Reports = std::vector<Report>;
 
-// Records every report; the hook runs inside the report, as a runtime would.
+// Records every report; the hook runs inside the report, as a runtime's code would.
 struct Recorder {
     std::mutex mu;
     Reports reports;
@@ -67,27 +104,6 @@ struct Recorder {
     }
 };
 
-inline KEY_ADDRESS key(int station, const QString &reg, int address, int length, int dataType = 0)
-{
-    KEY_ADDRESS k;
-    k.station = station;
-    k.regName = reg;
-    k.address = address;
-    k.length = length;
-    k.dataType = dataType;
-    return k;
-}
-
-inline Bytes withCrc(Bytes b)
-{
-    const unsigned short crc = computate_check(b.data(), static_cast<unsigned short>(b.size()));
-    b.push_back(crc & 0xFF);
-    b.push_back(crc >> 8);
-    return b;
-}
-inline QByteArray toQt(const Bytes &b) { return QByteArray(reinterpret_cast<const char *>(b.data()), int(b.size())); }
-inline Bytes sentBytes(const FRAME_PRO &f) { return Bytes(f.frame, f.frame + f.sendLen); }
-
 // A flat Modbus memory by wire address, independent of the driver's register
 // mapping: tests state where a value must land in the PLC.
 struct FakePlc {
@@ -100,8 +116,8 @@ struct FakePlc {
         const int fn = q[1], addr = q[2] << 8 | q[3], count = q[4] << 8 | q[5];
         Bytes r{q[0], q[1]};
         if (fn == 0x01) {
-            r.push_back((count + 7) / 8);
             r.resize(3 + (count + 7) / 8, 0);
+            r[2] = (count + 7) / 8;
             for (int i = 0; i < count; ++i)
                 r[3 + i / 8] |= (bits[addr + i] ? 1 : 0) << (i % 8);
             return toQt(withCrc(r));
@@ -126,7 +142,7 @@ struct FakePlc {
     }
 };
 
-// Captures Qt debug messages without the quotes of the debug stream (or drops them).
+// Captures Qt debug lines without the quotes of the debug stream (or drops them).
 class DebugCapture {
 public:
     explicit DebugCapture(bool keep = true) : prev_(qInstallMessageHandler(&handler))
@@ -168,7 +184,7 @@ protected:
     }
 
     // Property text: deviceId#cacheOnlyWrites#-#retryLimit#mergeGap.
-    void configure(const char *property)
+    void configure(const std::string &property)
     {
         static Bytes sharedMem(KQ71_SHARED_MEM_MIN + 16), recipeBuf(8192); // outlive every test
         static QMutex runtimeMutex;
@@ -178,7 +194,7 @@ protected:
         recipe_ = recipeBuf.data();
         intf_setAddrValueChangeCallBack(&Recorder::callback);
         int status = -1;
-        ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, property, &runtimeMutex));
+        ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, property.c_str(), &runtimeMutex));
         ServiceLock lock; // the recipe survives initialisation; a test starts without one
         driver.rcpItems.clear();
         driver.rcpBlocks.clear();
@@ -197,9 +213,7 @@ protected:
     }
     int watch(const std::vector<KEY_ADDRESS> &keys)
     {
-        QList<KEY_ADDRESS> list;
-        for (const KEY_ADDRESS &k : keys)
-            list.append(k);
+        QList<KEY_ADDRESS> list(keys.begin(), keys.end());
         return intf_addrMerge(&list);
     }
     // intf_getData of `bytes` bytes; guard bytes after them must stay untouched.
@@ -211,9 +225,9 @@ protected:
         out.resize(bytes);
         return out;
     }
-    int word(int station, const QString &reg, int address)
+    int word(const QString &reg, int address)
     {
-        const Bytes b = get(station, reg, address, 1, 2);
+        const Bytes b = get(1, reg, address, 1, 2);
         return b[0] | b[1] << 8;
     }
     void set(int station, QString reg, int address, int length, Bytes values, int id = 1)
@@ -221,6 +235,7 @@ protected:
         values.resize(std::max<size_t>(values.size(), 4096), 0);
         EXPECT_EQ(1, intf_setData(station, &reg, address, length, values.data(), id));
     }
+    int pending(const QString &reg, int a) { return driver.dataAreas.at(getIndexOfDataArea(1, reg, a)).writePending; }
     FRAME_PRO nextFrame()
     {
         FRAME_PRO f;
@@ -233,7 +248,7 @@ protected:
         return intf_dealRcvFrame(&reply, &err);
     }
     // One exchange answered by plc: intf_dealRcvFrame's result, -1 when idle.
-    int step(FakePlc &plc, FRAME_PRO *sent = nullptr)
+    int step(FRAME_PRO *sent = nullptr)
     {
         FRAME_PRO f;
         if (intf_getSendFrame(&f) != 1)
@@ -242,18 +257,23 @@ protected:
             *sent = f;
         return answerWith(plc.answer(f));
     }
-    int runUntilIdle(FakePlc &plc, int limit = 5000)
+    int runUntilIdle(int limit = 5000)
     {
         int n = 0;
-        while (n < limit && step(plc) >= 0)
+        while (n < limit && step() >= 0)
             ++n;
         EXPECT_LT(n, limit) << "the cycle never went idle";
         return n;
     }
 
+    FakePlc plc;
     unsigned char *shared_ = nullptr;
     unsigned char *recipe_ = nullptr;
 };
+
+// Exception replies: a refused read (code 2 of function 0x03) and write (0x06).
+const QByteArray READ_REFUSED("\x01\x83\x02\xC0\xF1", 5);
+const QByteArray WRITE_REFUSED("\x01\x86\x02\xC3\xA1", 5);
 
 } // namespace kq71test
 

@@ -22,16 +22,15 @@ bool workLeft()
 TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
 {
     DebugCapture quiet(false);
-    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, -1)});
+    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
     Recorder::get().hook = [](const Report &r) { // the runtime reads the unit inside the report
+        const auto &[device, station, reg, address] = r;
         unsigned char value[4];
-        QString name = QString::fromStdString(r.regName);
-        if (r.station >= 0)
-            intf_getData(r.station, &name, r.address, 1, value);
+        QString name = QString::fromStdString(reg);
+        if (station >= 0)
+            intf_getData(station, &name, address, 1, value);
     };
-
     std::atomic<bool> uiDone(false);
-    FakePlc plc;
     int exchanges = 0;
     std::thread comm([&] {
         while ((!uiDone || workLeft()) && exchanges < EXCHANGE_CAP) {
@@ -41,8 +40,7 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
             QByteArray reply = plc.answer(f);
             if (++exchanges % 5 == 0) // a corrupted reply now and then: the frame goes out again
                 reply[reply.size() - 1] = char(reply.at(reply.size() - 1) ^ 0x5A);
-            QString err;
-            intf_dealRcvFrame(&reply, &err);
+            answerWith(reply);
         }
     });
 
@@ -72,7 +70,7 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
     ASSERT_LT(exchanges, EXCHANGE_CAP) << "the exchange never drained the queues";
     for (int a = 0; a < WORDS; ++a) {
         EXPECT_EQ(lastWord[a], plc.regs[0x4338 + a]) << "D" << a;
-        EXPECT_EQ(lastWord[a], word(1, "D", a)) << "D" << a;
+        EXPECT_EQ(lastWord[a], word("D", a)) << "D" << a;
     }
     const Bytes bits = get(1, "M", 0, BITS, BITS);
     for (int b = 0; b < BITS; ++b) {
