@@ -2,34 +2,6 @@
 #include "protocol.h"
 #include "register_table.h"
 
-namespace {
-
-bool sameRange(const VARIABLE &a, const VARIABLE &b)
-{
-    // Numbers first: the name compare is the costly one.
-    return a.address == b.address && a.length == b.length && a.station == b.station && a.regName == b.regName;
-}
-
-// A waiting copy of the same read is refreshed in place; the head, which the
-// cycle reads next or is reading, is never touched. A full queue reuses its
-// last slot.
-void queueConditionRead(const VARIABLE &job)
-{
-    QList<VARIABLE> &queue = driver.conditionReads;
-    for (int i = queue.size() - 1; i >= 1; --i) {
-        if (sameRange(queue.at(i), job)) {
-            queue[i] = job;
-            return;
-        }
-    }
-    if (queue.size() >= MAX_QUEUED_JOBS)
-        queue[MAX_QUEUED_JOBS - 1] = job;
-    else
-        queue.append(job);
-}
-
-} // namespace
-
 // Pieces longer than this would ask for more units than a request's 16-bit
 // count can say (a bit piece is read as sixteen times its bits).
 enum { MAX_CONDITION_PIECE = 4095 };
@@ -71,7 +43,7 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
         }
         if (job.length <= 0)
             continue; // a single word of a double-word register reads nothing
-        queueConditionRead(job);
+        queueReplacingSameRange(driver.conditionReads, job);
         driver.lastCondition = job;
         queued = true;
     }

@@ -126,6 +126,13 @@ int getRegAddressWeight(int station, const QString &regName, int address, int le
 // Part of a name before its first "_" (the whole name without one).
 QString areaName(const QString &regName);
 
+// --- job queues (writes, condition reads) ---------------------------------
+// Queues a job: a waiting job for exactly the same range (station, register,
+// address, length) is overwritten in place, the head never, since the cycle
+// sends it next or is sending it; otherwise the job is appended, or, once the
+// queue holds MAX_QUEUED_JOBS, written over its last slot.
+void queueReplacingSameRange(QList<VARIABLE> &queue, const VARIABLE &job);
+
 // --- frame queue (builders from the family module, queued on frameQueue) ---
 void handShakeFrame();
 int getReadFrame(const QList<VARIABLE> &list);

@@ -11,29 +11,12 @@
 
 namespace {
 
-bool sameRange(const VARIABLE &a, const VARIABLE &b)
-{
-    // Numbers first: the name compare is the costly one.
-    return a.address == b.address && a.length == b.length && a.station == b.station && a.regName == b.regName;
-}
-
-// A newer write to exactly the same range replaces a queued one in place; the
-// head, which the cycle sends next or is sending, is never touched. A full
-// queue keeps only the newest of the writes that do not fit.
+// A newer write to exactly the same range replaces a queued one; a full queue
+// keeps only the newest of the writes that do not fit.
 void queueWriteJob(const VARIABLE &job)
 {
     QMutexLocker guard(&driver.listMutex);
-    QList<VARIABLE> &queue = driver.writeJobs;
-    for (int i = queue.size() - 1; i >= 1; --i) {
-        if (sameRange(queue.at(i), job)) {
-            queue[i] = job;
-            return;
-        }
-    }
-    if (queue.size() >= MAX_QUEUED_JOBS)
-        queue[MAX_QUEUED_JOBS - 1] = job;
-    else
-        queue.append(job);
+    queueReplacingSameRange(driver.writeJobs, job);
 }
 
 // Units of one piece: no more than the piece limit, and no more than one
