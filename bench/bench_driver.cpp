@@ -2,8 +2,7 @@
 // runtime drives them, and through internal routines where that isolates one
 // cost. The limits are ratios within one run, checked by bench/check_limits.py
 // over the JSON output; absolute times on a shared machine prove little.
-#include "kq71_protocol.h"
-#include "protocol.h"
+#include "driver_internals.h"
 #include "reference_algorithms.h"
 
 #include <QtCore/QLoggingCategory>

@@ -5,7 +5,7 @@
 #ifndef KQ71_BENCH_REFERENCE_ALGORITHMS_H
 #define KQ71_BENCH_REFERENCE_ALGORITHMS_H
 
-#include "protocol.h"
+#include "driver_internals.h"
 
 #include <QtCore/QList>
 #include <QtCore/QString>

@@ -1,6 +1,6 @@
 #include "fuzz_support.h"
 
-#include "protocol.h"
+#include "driver_internals.h"
 
 #include <QtCore/QMutexLocker>
 
@@ -239,24 +239,8 @@ void resetDriver()
 {
     {
         ServiceLock lock;
-        driver.valueChangeCallBack = 0;
-        driver.deviceId = 0;
-        driver.cacheOnlyWrites = 0;
-        driver.retryLimit = 0;
-        driver.mergeGap = 0;
-        driver.rcpItems.clear();
-        driver.rcpBlocks.clear();
-        driver.rcpBlockStarts.clear();
-        driver.rcpBlockItems.clear();
-        driver.rcpIndex = 0;
-        driver.lastCondition = VARIABLE();
-        driver.currentJob = VARIABLE();
-        driver.currentReadList.clear();
-        driver.propertyPage.clear();
+        driver.resetAll();
     }
-    int status = 0;
-    // Fewer than five fields: the zeros above stay; the lists are emptied.
-    intf_initProperty(0, 0, 0, &status, "", 0);
     ++generation;
     readBack = false;
     nested = std::function<void()>();

@@ -24,7 +24,7 @@
 #include "fuzz_support.h"
 #include "fuzz_targets.h"
 
-#include "protocol.h"
+#include "driver_internals.h"
 
 #include <QtCore/QList>
 #include <QtCore/QVector>

@@ -1,4 +1,4 @@
-#include "kq71_protocol.h"
+#include "address_hooks.h"
 
 // No register of this family writes its address with letters: the hooks for
 // such formats parse to 0, format to nothing and pass addresses through.

@@ -1,5 +1,4 @@
-#include "kq71_protocol.h"
-#include "plc_address.h"
+#include "checksum.h"
 
 namespace {
 
@@ -42,6 +41,14 @@ void putCrc(unsigned char *frame, int len)
     const unsigned short crc = crcUpdate(0xFFFF, frame, len);
     frame[len] = static_cast<unsigned char>(crc & 0xFF);
     frame[len + 1] = static_cast<unsigned char>(crc >> 8);
+}
+
+bool crcMatches(const unsigned char *bytes, long long count)
+{
+    if (bytes == 0 || count < 2)
+        return false;
+    const unsigned short crc = crcUpdate(0xFFFF, bytes, count - 2);
+    return bytes[count - 2] == (crc & 0xFF) && bytes[count - 1] == (crc >> 8);
 }
 
 } // namespace kq71

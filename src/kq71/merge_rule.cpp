@@ -1,8 +1,9 @@
-#include "kq71_protocol.h"
+#include "merge_rule.h"
+#include "register_traits.h"
 
 namespace {
 // No merged block may cross this address: the M relays change area there.
-const long long MERGE_LIMIT = 8000;
+const long long MERGE_LIMIT = kq71::RELAY_BOUNDARY;
 }
 
 int judgeRangeMerge(int blockAddress, int blockLength, int nextAddress, int nextLength, int mode, int mergeGap)

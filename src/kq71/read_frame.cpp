@@ -1,6 +1,7 @@
-#include "kq71_protocol.h"
+#include "byte_order.h"
+#include "checksum.h"
+#include "frames.h"
 #include "plc_address.h"
-#include "register_table.h"
 
 // Read request, 8 bytes:
 //   0     station (low 8 bits)
@@ -14,21 +15,22 @@ bool buildReadFrame(const VARIABLE &v, FRAME_PRO &out)
     if (idx < 0)
         return false;
 
+    const kq71::RegisterTraits t = kq71::rowTraits(idx);
     const long long n = v.length;
     const long long address = kq71::plcAddress(idx, v.regName, v.address, true);
     int function;
     long long count;
     long long recvLen;
-    if (rowKind(idx) == 1) {
+    if (t.isBit()) {
         function = READ_BITS;
         count = n;
         recvLen = 5 + n / 8 + (n % 8 != 0 ? 1 : 0);
     } else {
         function = READ_REGISTERS;
-        count = rowWidth(idx) == 32 ? 2 * n : n;
+        count = t.registersPerUnit() * n;
         // n interleaved registers span 2n - 1 PLC registers; the decoder skips
         // every second one.
-        if (kq71::isInterleaved(v.regName))
+        if (t.interleaved)
             count = count * 2 - 1;
         recvLen = 5 + 2 * count;
     }
@@ -36,8 +38,8 @@ bool buildReadFrame(const VARIABLE &v, FRAME_PRO &out)
     FRAME_PRO job;
     job.frame[0] = static_cast<unsigned char>(v.station & 0xFF);
     job.frame[1] = static_cast<unsigned char>(function);
-    kq71::put16(job.frame, 2, address);
-    kq71::put16(job.frame, 4, count);
+    put16(job.frame, 2, address);
+    put16(job.frame, 4, count);
     kq71::putCrc(job.frame, 6);
     job.sendLen = READ_REQUEST_LEN;
     // Only ever compared with a reply's length, so a wrapped value for a

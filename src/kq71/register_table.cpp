@@ -95,6 +95,16 @@ int getIndexFromRegName(const QString &name)
     return -1;
 }
 
+int getRegAddressWeight(int station, const QString &regName, int address, int /*length*/)
+{
+    const int idx = getIndexFromRegName(regName);
+    // The key is defined to wrap at 32 bits; unsigned arithmetic wraps without
+    // undefined behaviour, and merging compares the result as unsigned anyway.
+    const quint32 row = quint32(station) * quint32(REG_COUNT) + quint32(idx);
+    const quint32 weight = row * 65535u + quint32(address);
+    return static_cast<int>(weight);
+}
+
 int rangeRowFor(const QString &name)
 {
     const int idx = getIndexFromRegName(name);

@@ -33,6 +33,9 @@ int getIndexFromRegName(const QString &name);
 // Row of ADDRESS_RANGE_PRO for a name: its index, or FALLBACK_ROW when unknown.
 int rangeRowFor(const QString &name);
 
+// Sort key (station * 19 + register index) * 65535 + address, 32-bit wrapping.
+int getRegAddressWeight(int station, const QString &regName, int address, int length);
+
 // Integer value of the kind / width column of a row (base 10).
 int rowKind(int row);
 int rowWidth(int row);

@@ -1,6 +1,7 @@
-#include "kq71_protocol.h"
+#include "byte_order.h"
+#include "checksum.h"
+#include "frames.h"
 #include "plc_address.h"
-#include "register_table.h"
 
 // The refusals below are what keep every index inside data and frame.
 static_assert(9 + 2 * int(MAX_WRITE_REGISTERS) <= int(KQ71_FRAME_BYTES), "0x10 request fits the frame");
@@ -19,7 +20,7 @@ namespace {
 int layWriteBit(const VARIABLE &v, long long address, unsigned char *frame)
 {
     frame[1] = WRITE_BIT;
-    kq71::put16(frame, 2, address);
+    put16(frame, 2, address);
     frame[4] = v.data[0] == 1 ? 0xFF : 0x00;
     frame[5] = 0x00;
     return 6;
@@ -38,8 +39,8 @@ int layWriteBits(const VARIABLE &v, long long address, unsigned char *frame)
     const int n = v.length;
     const int bc = n / 8 + (n % 8 != 0 ? 1 : 0);
     frame[1] = WRITE_BITS;
-    kq71::put16(frame, 2, address);
-    kq71::put16(frame, 4, n);
+    put16(frame, 2, address);
+    put16(frame, 4, n);
     frame[6] = static_cast<unsigned char>(bc);
     for (int j = 0; j < bc; ++j) {
         const int bits = (j == bc - 1 && n % 8 != 0) ? n % 8 : 8;
@@ -62,7 +63,7 @@ int layWriteBits(const VARIABLE &v, long long address, unsigned char *frame)
 int layWriteRegister(const VARIABLE &v, long long address, unsigned char *frame)
 {
     frame[1] = WRITE_REGISTER;
-    kq71::put16(frame, 2, address);
+    put16(frame, 2, address);
     frame[4] = v.data[1];
     frame[5] = v.data[0];
     return 6;
@@ -82,8 +83,8 @@ int layWriteRegisters(const VARIABLE &v, long long address, bool wide, unsigned 
     const int n = v.length;
     const int c = wide ? 2 * n : n;
     frame[1] = WRITE_REGISTERS;
-    kq71::put16(frame, 2, address);
-    kq71::put16(frame, 4, c);
+    put16(frame, 2, address);
+    put16(frame, 4, c);
     frame[6] = static_cast<unsigned char>((2 * c) & 0xFF);
     int pos = 7;
     if (wide) {
@@ -110,11 +111,12 @@ bool buildWriteFrame(const VARIABLE &v, FRAME_PRO &out)
     if (idx < 0 || v.length < 0)
         return false;
 
+    const kq71::RegisterTraits t = kq71::rowTraits(idx);
     const int n = v.length;
     FRAME_PRO job;
     job.frame[0] = static_cast<unsigned char>(v.station & 0xFF);
     int len;
-    if (rowKind(idx) == 1) {
+    if (t.isBit()) {
         const long long address = kq71::plcAddress(idx, v.regName, v.address, false);
         if (n == 1) {
             len = layWriteBit(v, address, job.frame);
@@ -125,7 +127,7 @@ bool buildWriteFrame(const VARIABLE &v, FRAME_PRO &out)
             len = layWriteBits(v, address, job.frame);
         }
     } else {
-        const bool wide = rowWidth(idx) == 32;
+        const bool wide = t.unitBits == kq71::UNIT_DWORD;
         if (n == 1 && !wide) {
             len = layWriteRegister(v, kq71::plcAddress(idx, v.regName, v.address, true), job.frame);
         } else {

@@ -1,9 +1,12 @@
 // Read planning: the runtime's watch list becomes merged block reads of at most
 // 128 units; the same merge plans recipe blocks.
-#include "kq71_protocol.h"
+#include "vorn_kq71_ap.h"
+#include "addr_merge.h"
+#include "data_area.h"
 #include "debug_line.h"
-#include "protocol.h"
+#include "merge_rule.h"
 #include "register_table.h"
+#include "register_traits.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QStringList>
@@ -13,42 +16,28 @@
 
 namespace {
 
-// What planning needs of a key; the key's other fields (among them its 1024
-// value bytes) are copied only into the blocks that come out.
-struct PlanKey {
-    int station;
-    QString regName;
-    int address;
-    int length;
-    int source; // index of the key in the list handed in
-};
+typedef PlannedBlock PlanKey;
 
 // Converts a key to the register's own units for a cyclic read.
 void normaliseForCyclicRead(PlanKey &key)
 {
-    const int k = rowKind(rangeRowFor(key.regName));
-    if (k <= 0)
-        return;
-    const int lastCut = key.regName.lastIndexOf(QLatin1Char('_'));
-    if (lastCut >= 0 && key.regName.size() - lastCut == 4 && key.regName.endsWith(QLatin1String("bit"))) {
+    QString wordRegister;
+    if (kq71::splitBitInWord(key.regName, &wordRegister)) {
         // Bit-in-word key: read the whole words that hold its bits.
-        const qint64 bits = qint64(key.length) + key.address % k;
-        key.length = int(bits % k != 0 ? bits / k + 1 : bits / k);
-        key.address = key.address / k;
-        key.regName = key.regName.left(key.regName.indexOf(QLatin1Char('_')));
-    } else if (k != 1) {
-        key.length = int(key.length * (16.0 / k));
+        const kq71::WordSpan words = kq71::wordsHoldingBits(key.address, key.length);
+        key.address = words.address;
+        key.length = words.length;
+        key.regName = wordRegister;
+        return;
     }
+    key.length = int(kq71::registerTraits(key.regName).unitsOfLength(key.length));
 }
 
 void normaliseForRecipe(PlanKey &key)
 {
-    const int idx = getIndexFromRegName(key.regName);
-    if (idx < 0 || rowKind(idx) == 1)
-        return;
-    const int w = rowWidth(idx);
-    if (w > 0)
-        key.length = int(key.length * (16.0 / w));
+    const kq71::RegisterTraits t = kq71::registerTraits(key.regName);
+    if (t.known())
+        key.length = int(t.unitsOfLength(key.length));
 }
 
 // Ascending by weight compared unsigned; equal weights keep their order, as a
@@ -118,19 +107,20 @@ void widen(PlanKey &block, const PlanKey &next)
     block.address = qMin(block.address, next.address);
 }
 
-// Collects blocks; in recipe mode it also records which keys (items) each
-// block covers, so that every value keeps its place whatever the cut.
+// Collects blocks; in recipe mode it also notes which keys (items) each block
+// covers.
 class BlockSink {
 public:
     BlockSink(const std::vector<PlanKey> &keys, bool recipe) : keys_(keys), recipe_(recipe), groupStart_(0) {}
 
     void startGroup(int keyIndex) { groupStart_ = keyIndex; }
 
-    void put(const PlanKey &block, int groupEnd)
+    void put(PlanKey block, int groupEnd)
     {
-        out.push_back(block);
-        if (!recipe_)
+        if (!recipe_) {
+            out.push_back(block);
             return;
+        }
         const qint64 bEnd = qint64(block.address) + block.length;
         int first = -1, last = -1;
         for (int k = groupStart_; k <= groupEnd && k < int(keys_.size()); ++k) {
@@ -144,8 +134,9 @@ public:
         }
         if (first < 0)
             first = last = keys_[groupStart_].source;
-        driver.rcpBlockStarts.append(first);
-        driver.rcpBlockItems.append(qMakePair(first, last - first + 1));
+        block.firstItem = first;
+        block.itemCount = last - first + 1;
+        out.push_back(block);
     }
 
     // Puts out 128-unit pieces from the front of an overlong block.
@@ -168,16 +159,17 @@ private:
     int groupStart_;
 };
 
-// Plans the blocks of a key list: cyclic reads (mode other than 2: convert,
-// sort, merge touching keys, then bridge gaps) or recipe blocks (mode 2: the
-// keys come sorted; merge touching keys only).
-std::vector<PlanKey> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
+} // namespace
+
+// Cyclic reads: convert, sort, merge touching keys, then bridge gaps. Recipe
+// blocks: the keys come sorted; merge touching keys only.
+std::vector<PlannedBlock> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
 {
     std::vector<PlanKey> keys;
     keys.reserve(input.size());
     for (int i = 0; i < input.size(); ++i) {
         const KEY_ADDRESS &k = input.at(i);
-        PlanKey p = {k.station, k.regName, k.address, k.length, i};
+        PlanKey p = {k.station, k.regName, k.address, k.length, i, i, 1};
         keys.push_back(p);
     }
     const bool recipe = mode == 2;
@@ -241,11 +233,14 @@ std::vector<PlanKey> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
     return bridged;
 }
 
-} // namespace
+int judgeAddrMerge(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int mode)
+{
+    return judgeAddrMergeWithGap(block, next, mode, driver.mergeGap);
+}
 
 void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
 {
-    const std::vector<PlanKey> blocks = planBlocks(keys, mode);
+    const std::vector<PlannedBlock> blocks = planBlocks(keys, mode);
     QList<KEY_ADDRESS> out;
     out.reserve(int(blocks.size()));
     for (size_t i = 0; i < blocks.size(); ++i) {
@@ -259,9 +254,16 @@ void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
     keys.swap(out);
 }
 
+namespace {
 int pieceLimitOrBlock(int limit)
 {
     return limit >= 1 ? limit : int(MAX_BLOCK_UNITS);
+}
+} // namespace
+
+int configuredPieceLimit(bool bits)
+{
+    return pieceLimitOrBlock(bits ? driver.maxBitsPerPiece : driver.maxWordsPerPiece);
 }
 
 void groupingKey(const KEY_ADDRESS &key, int maxLength, QList<KEY_ADDRESS> &out, int copyData)
@@ -307,7 +309,7 @@ int intf_addrMerge(QList<KEY_ADDRESS> *keys)
     driver.cyclicReads.clear();
     if (keys->isEmpty())
         return 0;
-    const std::vector<PlanKey> blocks = planBlocks(*keys, 1);
+    const std::vector<PlannedBlock> blocks = planBlocks(*keys, 1);
     for (size_t i = 0; i < blocks.size(); ++i) {
         VARIABLE job;
         job.id = CYCLIC_READ_ID;

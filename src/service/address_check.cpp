@@ -1,8 +1,9 @@
 // Address text of the editor: parsing in a register's radix and the two
 // validating entry points. Only the constant register table is read.
-#include "kq71_protocol.h"
-#include "protocol.h"
-#include "register_table.h"
+#include "vorn_kq71_ap.h"
+#include "address_check.h"
+#include "address_hooks.h"
+#include "register_traits.h"
 
 namespace {
 
@@ -17,32 +18,6 @@ enum CheckResult {
 };
 
 const int BIT_OBJECT = -1;
-
-// One letter repeated (or nothing) names a radix; anything else is a format
-// that mixes letters and belongs to the address hooks.
-bool mixesLetters(const QString &format)
-{
-    if (format.isEmpty())
-        return false;
-    const QChar first = format.at(0);
-    for (int i = 1; i < format.size(); ++i) {
-        if (format.at(i) != first)
-            return true;
-    }
-    return false;
-}
-
-int radixOf(const QString &format)
-{
-    if (format.isEmpty())
-        return 10;
-    const QChar last = format.at(format.size() - 1);
-    if (last == QLatin1Char('O'))
-        return 8;
-    if (last == QLatin1Char('H'))
-        return 16;
-    return 10;
-}
 
 bool dwordTypeAllowed(int dataType)
 {
@@ -61,14 +36,14 @@ int checkRange(int row, const QString &regName, const QString &addrText, int &ad
     int minAddress = 0;
     a2i(ADDRESS_RANGE_PRO[row][COL_MAX], maxAddress, format, regName);
     a2i(ADDRESS_RANGE_PRO[row][COL_MIN], minAddress, format, regName);
-    const int w = bitObject ? 16 : rowWidth(row);
+    const qint64 w = bitObject ? int(kq71::BITS_PER_WORD) : kq71::rowTraits(row).unitBits;
 
     if (address < minAddress)
         return ADDR_OUT_OF_RANGE;
     // A count is in 16-bit words, so a 32-bit register takes two per address
-    // and an odd count ends half-way into the next address.
-    const double wordsPerAddress = w > 0 ? double(w) / 16.0 : 1.0;
-    if (double(address) + double(count) / wordsPerAddress > double(maxAddress) + 1.0)
+    // and an odd count ends half-way into the next address: compared in
+    // sixteenths of a word, the end may not pass the last address.
+    if ((qint64(address) - maxAddress - 1) * w + qint64(count) * kq71::UNIT_WORD > 0)
         return ADDR_OUT_OF_RANGE;
 
     address = addrOffset(regName, address);
@@ -79,7 +54,7 @@ int checkRange(int row, const QString &regName, const QString &addrText, int &ad
 
 int a2i(const QString &text, int &value, const QString &format, const QString &regName)
 {
-    if (mixesLetters(format)) {
+    if (kq71::formatMixesLetters(format)) {
         const int parsed = addr_str2int(text, regName);
         if (parsed == -1)
             return -1;
@@ -87,7 +62,8 @@ int a2i(const QString &text, int &value, const QString &format, const QString &r
         return 1;
     }
     bool ok = false;
-    value = text.toInt(&ok, radixOf(format));
+    const int radix = kq71::formatRadix(format);
+    value = text.toInt(&ok, radix != 0 ? radix : 10);
     return ok ? 1 : -1;
 }
 
@@ -103,14 +79,14 @@ int intf_checkAddr(QString *regName, QString *addrText, int *address, int dataTy
     if (row < 0)
         return ADDR_UNKNOWN_REGISTER;
 
-    const QString &kind = ADDRESS_RANGE_PRO[row][COL_KIND];
-    const bool bitRegister = kind == QLatin1String("1");
+    const kq71::RegisterTraits traits = kq71::rowTraits(row);
+    const bool bitRegister = traits.isBit();
     const bool bitObject = dataType == BIT_OBJECT;
     if (bitRegister != bitObject)
         return ADDR_WRONG_KIND;
     if (ADDRESS_RANGE_PRO[row][COL_ACCESS] == QLatin1String("R") && (access == 1 || access == 2))
         return ADDR_READ_ONLY;
-    if (kind == QLatin1String("32") && !dwordTypeAllowed(dataType))
+    if (traits.unitBits == kq71::UNIT_DWORD && !dwordTypeAllowed(dataType))
         return ADDR_BAD_DWORD_TYPE;
 
     return checkRange(row, *regName, *addrText, *address, count, bitObject);
@@ -126,7 +102,7 @@ int intf_checkAddrValidity(QString *regName, QString *addrText, int *address, in
     if (row < 0)
         return ADDR_UNKNOWN_REGISTER;
 
-    const bool bitRegister = ADDRESS_RANGE_PRO[row][COL_KIND] == QLatin1String("1");
+    const bool bitRegister = kq71::rowTraits(row).isBit();
     const bool bitObject = wordFlag == 0;
     if (bitRegister != bitObject)
         return ADDR_WRONG_KIND;

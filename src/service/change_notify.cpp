@@ -1,5 +1,6 @@
 // Reports of changed units to the runtime's callback.
-#include "protocol.h"
+#include "change_notify.h"
+#include "driver_state.h"
 
 void reportValueChange(int deviceId, int station, const QString &regName, int address)
 {

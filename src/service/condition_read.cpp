@@ -1,6 +1,8 @@
 // One-off reads the runtime asks for, served between cyclic reads.
-#include "protocol.h"
-#include "register_table.h"
+#include "vorn_kq71_ap.h"
+#include "addr_merge.h"
+#include "data_area.h"
+#include "job_queue.h"
 
 // Pieces longer than this would ask for more units than a request's 16-bit
 // count can say (a bit piece is read as sixteen times its bits).
@@ -11,12 +13,10 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
     if (!key)
         return 0;
     ServiceLock lock;
-    const int w = rowWidth(rangeRowFor(key->regName));
-    int limit = key->dataType == -1 ? driver.maxBitsPerPiece : driver.maxWordsPerPiece;
-    if (limit < 1)
-        limit = MAX_BLOCK_UNITS;
-    limit = qMin(limit, int(MAX_CONDITION_PIECE));
-    const bool bitInWord = key->regName.contains(QLatin1String("_bit"));
+    const int limit = qMin(configuredPieceLimit(key->dataType == -1), int(MAX_CONDITION_PIECE));
+    QString wordRegister;
+    const bool bitInWord = kq71::splitBitInWord(key->regName, &wordRegister);
+    const kq71::RegisterTraits traits = kq71::registerTraits(key->regName);
 
     // A key that names no unit reads nothing; a longer one is cut into pieces,
     // its range bounded like every range of a call.
@@ -31,15 +31,14 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
         job.station = key->station;
         if (bitInWord) {
             // Bits inside words: read the whole words that hold them.
-            const int wb = w > 0 ? w : 16;
-            job.regName = key->regName.left(key->regName.indexOf(QLatin1Char('_')));
-            job.address = pieceAddress / wb;
-            const qint64 bits = qint64(pieceLength) + pieceAddress % wb;
-            job.length = int(bits / wb + (bits % wb ? 1 : 0));
+            const kq71::WordSpan words = kq71::wordsHoldingBits(pieceAddress, pieceLength);
+            job.regName = wordRegister;
+            job.address = words.address;
+            job.length = words.length;
         } else {
             job.regName = key->regName;
             job.address = pieceAddress;
-            job.length = w > 0 ? int(pieceLength * (16.0 / w)) : pieceLength;
+            job.length = int(traits.unitsOfWords(pieceLength));
         }
         if (job.length <= 0)
             continue; // a single word of a double-word register reads nothing

@@ -1,5 +1,6 @@
 // The runtime's configuration: its callback, its property text and its pointers.
-#include "protocol.h"
+#include "vorn_kq71_ap.h"
+#include "driver_state.h"
 
 #include <QtCore/QStringList>
 
@@ -27,22 +28,9 @@ int intf_initProperty(unsigned char *sharedMem, unsigned char *, unsigned char *
     driver.recipeBuf = recipeBuf;
     driver.sharedMemMutex = mutex;
 
-    driver.cyclicReads.clear();
-    {
-        QMutexLocker guard(&driver.listMutex);
-        driver.writeJobs.clear();
-    }
-    driver.conditionReads.clear();
-    clearDataAreas();
-
-    driver.cycleState = CYCLE_IDLE;
-    driver.burstCount = 0;
-    driver.handshakePending = 0;
-    driver.retryCount = 0;
-    driver.lastJobFailed = 0;
+    driver.clearRunState();
     driver.maxWordsPerPiece = driver.mergeGap;
     // Wraps like the 32-bit product it is; limits below 1 are read as one block.
     driver.maxBitsPerPiece = int(unsigned(driver.mergeGap) * 8u);
-    driver.frameQueue.clear();
     return 1;
 }

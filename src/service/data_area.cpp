@@ -1,7 +1,6 @@
 // The cache of PLC memory: one record per unit ever named, in creation order,
 // with an index beside the list so that no lookup scans it.
-#include "protocol.h"
-#include "register_table.h"
+#include "data_area.h"
 
 int boundedUnits(int address, qint64 length)
 {
@@ -11,6 +10,16 @@ int boundedUnits(int address, qint64 length)
         length = MAX_RANGE_UNITS;
     const qint64 room = qint64(2147483647) - address + 1; // addresses up to INT_MAX
     return int(length < room ? length : room);
+}
+
+UnitRange cacheRange(const QString &regName, int address, qint64 length, LengthCount count)
+{
+    UnitRange r;
+    r.traits = kq71::registerTraits(regName);
+    r.area = kq71::cacheAreaName(regName, r.traits);
+    r.address = address;
+    r.units = boundedUnits(address, count == RUNTIME_LENGTH ? r.traits.unitsOfLength(length) : length);
+    return r;
 }
 
 AreaKey::AreaKey(const QString &regName) : name(regName), nameId(driver.dataIndex.findNameId(regName)) {}
@@ -48,23 +57,9 @@ void clearDataAreas()
 
 int _setDataAreaMonitorFlag(int station, const QString &regName, int address, int length)
 {
-    const int kind = rowKind(rangeRowFor(regName));
-    int units;
-    QString name;
-    if (kind == 1) {
-        name = regName;
-        units = boundedUnits(address, length);
-    } else if (kind == 16) {
-        name = areaName(regName);
-        units = boundedUnits(address, length);
-    } else if (kind == 32) {
-        name = areaName(regName);
-        units = boundedUnits(address, length / 2); // the runtime counts 16-bit words
-    } else {
-        return 0;
-    }
-    AreaKey area(name);
-    for (int i = 0; i < units; ++i) {
+    const UnitRange r = cacheRange(regName, address, length, RUNTIME_LENGTH);
+    AreaKey area(r.area);
+    for (int i = 0; i < r.units; ++i) {
         const int idx = getIndexOfDataArea(station, area, address + i);
         driver.dataAreas[idx].monitorFlags |= 1;
     }

@@ -1,5 +1,6 @@
 // Descriptive entry points: what the driver tells the runtime about itself.
-#include "protocol.h"
+#include "vorn_kq71_ap.h"
+#include "driver_state.h"
 #include "register_table.h"
 
 #include <QtCore/QStringList>

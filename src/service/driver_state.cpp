@@ -1,5 +1,8 @@
-#include "protocol.h"
+#include "driver_state.h"
+#include "data_area.h"
 #include "register_table.h"
+
+#include <QtCore/QMutexLocker>
 
 #include <string.h>
 
@@ -23,5 +26,46 @@ Protocol::Protocol() : listMutex(QMutex::NonRecursive)
 }
 
 Protocol::~Protocol() {}
+
+void Protocol::clearRunState()
+{
+    cyclicReads.clear();
+    {
+        QMutexLocker guard(&listMutex);
+        writeJobs.clear();
+    }
+    conditionReads.clear();
+    clearDataAreas();
+    frameQueue.clear();
+    cycleState = CYCLE_IDLE;
+    burstCount = 0;
+    handshakePending = 0;
+    retryCount = 0;
+    lastJobFailed = 0;
+}
+
+void Protocol::resetAll()
+{
+    valueChangeCallBack = 0;
+    deviceId = 0;
+    cacheOnlyWrites = 0;
+    retryLimit = 0;
+    mergeGap = 0;
+    sharedMem = 0;
+    recipeBuf = 0;
+    sharedMemMutex = 0;
+    maxBitsPerPiece = 0;
+    maxWordsPerPiece = 0;
+    rcpItems.clear();
+    rcpBlocks.clear();
+    rcpBlockStarts.clear();
+    rcpBlockItems.clear();
+    rcpIndex = 0;
+    lastCondition = VARIABLE();
+    currentJob = VARIABLE();
+    currentReadList.clear();
+    propertyPage.clear();
+    clearRunState();
+}
 
 __attribute__((visibility("default"))) Protocol driver;

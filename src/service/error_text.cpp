@@ -1,24 +1,7 @@
-#include "kq71_protocol.h"
-#include "protocol.h"
-
-#include <QtCore/QByteArray>
-#include <QtCore/QString>
-
-namespace {
-
-// Z k and V k share one interleaved area, so a Z job at an odd address is
-// really a V register; name it as the user knows it.
-QString addressPart(const QString &regName, int address)
-{
-    if (regName == QLatin1String("Z")) {
-        if (address % 2 == 1)
-            return QString::fromLatin1("V%1").arg((address - 1) / 2);
-        return QString::fromLatin1("Z%1").arg(address / 2);
-    }
-    return QString::fromLatin1("%1%2").arg(regName, QString::number(address));
-}
-
-} // namespace
+#include "error_text.h"
+#include "driver_state.h"
+#include "frames.h"
+#include "register_traits.h"
 
 QString getErrorInfo(const QByteArray &reply)
 {
@@ -37,7 +20,7 @@ QString getErrorInfo(const QByteArray &reply)
     // One pass over each template, so a '%' in a register name is not
     // taken for a placeholder.
     QString text = QString::fromLatin1("%1#%2(%3)")
-                       .arg(QString::number(station), addressPart(regName, address), QString::number(length));
+                       .arg(QString::number(station), kq71::unitText(regName, address), QString::number(length));
     if (reply.size() == EXCEPTION_REPLY_LEN) {
         const unsigned char function = static_cast<unsigned char>(reply.at(1));
         if (function > EXCEPTION_FLAG)

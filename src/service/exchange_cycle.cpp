@@ -1,13 +1,19 @@
 // The exchange cycle: which frame goes out next, what a reply does, resends,
 // giving up, and the bookkeeping when a job ends.
-#include "protocol.h"
+#include "vorn_kq71_ap.h"
+#include "exchange_cycle.h"
+#include "change_notify.h"
+#include "driver_state.h"
+#include "error_text.h"
+#include "frame_queue.h"
+#include "recipe.h"
+#include "register_traits.h"
+#include "reply_decode.h"
+#include "write_completion.h"
+
+#include <QtCore/QMutexLocker>
 
 namespace {
-
-bool isInterleavedRegister(const QString &name)
-{
-    return name == QLatin1String("V") || name == QLatin1String("Z");
-}
 
 void startRead(int state)
 {
@@ -50,7 +56,7 @@ void chooseJob()
         rcpAddrToVar(driver.rcpBlocks.at(driver.rcpIndex), driver.currentJob, 1);
         driver.cycleState = CYCLE_RECIPE_WRITE;
         // V and Z blocks were queued word by word already.
-        if (!isInterleavedRegister(driver.currentJob.regName))
+        if (!kq71::registerTraits(driver.currentJob.regName).interleaved)
             getWriteFrame(driver.currentJob);
     } else if (writeFlag != 1 && readFlag == 1 && blocksLeft) {
         rcpAddrToVar(driver.rcpBlocks.at(driver.rcpIndex), driver.currentJob, 0);

@@ -1,5 +1,6 @@
-#include "kq71_protocol.h"
-#include "protocol.h"
+#include "frame_queue.h"
+#include "driver_state.h"
+#include "frames.h"
 
 // The family module builds and rates frames without state; these wrappers
 // bind it to the driver's frame queue and configuration.
@@ -40,9 +41,4 @@ int check_rcv_data(const unsigned char *bytes, const QList<VARIABLE> &list, int 
     if (driver.frameQueue.isEmpty())
         return 0;
     return rateReply(bytes, length, driver.frameQueue.first());
-}
-
-int judgeAddrMerge(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int mode)
-{
-    return judgeAddrMergeWithGap(block, next, mode, driver.mergeGap);
 }

@@ -1,6 +1,7 @@
 // The runtime reads values from the cache, in its own byte order.
-#include "protocol.h"
-#include "register_table.h"
+#include "vorn_kq71_ap.h"
+#include "byte_order.h"
+#include "data_area.h"
 
 namespace {
 // A unit shows its written value while that write is pending.
@@ -15,26 +16,12 @@ int intf_getData(int station, QString *regName, int address, int length, unsigne
     if (!regName || !values)
         return 0;
     ServiceLock lock;
-    const int kind = rowKind(rangeRowFor(*regName));
-    if (kind != 1 && kind != 16 && kind != 32)
-        return 1;
-    const QString name = kind == 1 ? *regName : areaName(*regName);
-    AreaKey area(name);
-    const int units = boundedUnits(address, kind == 32 ? length / 2 : length);
-    for (int i = 0; i < units; ++i) {
+    const UnitRange r = cacheRange(*regName, address, length, RUNTIME_LENGTH);
+    const int bytes = r.traits.bytesPerUnit();
+    AreaKey area(r.area);
+    for (int i = 0; i < r.units; ++i) {
         const int idx = getIndexOfDataArea(station, area, address + i);
-        const quint8 *s = shownBytes(driver.dataAreas.at(idx));
-        if (kind == 1) {
-            values[i] = s[0];
-        } else if (kind == 16) {
-            values[2 * i] = s[1];
-            values[2 * i + 1] = s[0];
-        } else {
-            values[4 * i] = s[1];
-            values[4 * i + 1] = s[0];
-            values[4 * i + 2] = s[3];
-            values[4 * i + 3] = s[2];
-        }
+        swapUnitBytes(shownBytes(driver.dataAreas.at(idx)), values + qint64(i) * bytes, bytes);
     }
     return 1;
 }

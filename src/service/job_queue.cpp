@@ -1,4 +1,5 @@
-#include "protocol.h"
+#include "job_queue.h"
+#include "driver_state.h"
 
 namespace {
 bool sameRange(const VARIABLE &a, const VARIABLE &b)

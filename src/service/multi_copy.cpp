@@ -1,8 +1,10 @@
 // Address series for copied screen objects: each copy an interval further on,
 // as a number and as text in the register's radix.
-#include "kq71_protocol.h"
-#include "protocol.h"
-#include "register_table.h"
+#include "vorn_kq71_ap.h"
+#include "multi_copy.h"
+#include "address_check.h"
+#include "address_hooks.h"
+#include "register_traits.h"
 
 namespace {
 
@@ -14,42 +16,14 @@ const int MAX_SERIES = 65536;
 const int INTERVAL_WORD = -1;
 const int INTERVAL_DWORD = -2;
 
-bool mixesLetters(const QString &format)
-{
-    for (int i = 1; i < format.size(); ++i) {
-        if (format.at(i) != format.at(0))
-            return true;
-    }
-    return false;
-}
-
 int resolveInterval(const QString &regName, int interval)
 {
     if (interval == INTERVAL_WORD || interval == INTERVAL_DWORD) {
-        const int row = getIndexFromRegName(regName);
-        const int width = row < 0 ? 0 : rowWidth(row);
-        if (width > 0) {
-            const float bits = interval == INTERVAL_WORD ? 16.0f : 32.0f;
-            interval = int(bits / float(width));
-        }
+        const kq71::RegisterTraits t = kq71::registerTraits(regName);
+        if (t.known())
+            interval = (interval == INTERVAL_WORD ? kq71::UNIT_WORD : kq71::UNIT_DWORD) / t.unitBits;
     }
     return interval < 1 ? 1 : interval;
-}
-
-// Radix of the text from the first letter of a one-letter format; 0 when the
-// letter names none (the text then stays as it was).
-int textBase(const QString &format)
-{
-    if (format.isEmpty())
-        return 0;
-    const QChar first = format.at(0);
-    if (first == QLatin1Char('D'))
-        return 10;
-    if (first == QLatin1Char('H'))
-        return 16;
-    if (first == QLatin1Char('O'))
-        return 8;
-    return 0;
 }
 
 } // namespace
@@ -57,7 +31,7 @@ int textBase(const QString &format)
 int multiCp(const QString &regName, const QString &format, int start, int count, int interval,
             QVector<QString> &texts, QVector<int> &addresses, int maxAddress, const QString &maxText)
 {
-    const bool mixing = mixesLetters(format);
+    const bool mixing = kq71::formatMixesLetters(format);
     if (count <= 0)
         return 1;
 
@@ -67,7 +41,7 @@ int multiCp(const QString &regName, const QString &format, int start, int count,
         result = 2;
     }
     const qint64 step = resolveInterval(regName, interval);
-    const int base = textBase(format);
+    const int base = kq71::formatRadix(format);
     QString text; // carried over from one address to the next
 
     for (int i = 0; i < count; ++i) {

@@ -1,8 +1,13 @@
 // Recipe transfers: the runtime's recipe items become merged blocks, and each
 // block becomes one job that moves values between the recipe buffer and the PLC.
-#include "protocol.h"
-#include "recipe_layout.h"
+#include "vorn_kq71_ap.h"
+#include "recipe.h"
+#include "addr_merge.h"
+#include "data_area.h"
+#include "driver_state.h"
+#include "frame_queue.h"
 #include "register_table.h"
+#include "register_traits.h"
 
 #include <QtCore/QMutexLocker>
 
@@ -12,11 +17,9 @@
 
 RecipeWindow recipeItemWindow(const _RCP_VAR_PRO &item)
 {
-    const int idx = getIndexFromRegName(item.regName);
-    int units = item.length;
-    if (idx >= 0 && rowKind(idx) != 1 && rowWidth(idx) > 0)
-        units = int(item.length * (16.0 / rowWidth(idx)));
-    return RecipeWindow(item.address, units);
+    const kq71::RegisterTraits t = kq71::registerTraits(item.regName);
+    const qint64 units = t.known() ? t.unitsOfLength(item.length) : item.length;
+    return RecipeWindow(item.address, int(units));
 }
 
 bool storeRecipeWord(qint64 word, unsigned char low, unsigned char high)
@@ -47,6 +50,17 @@ bool storeRecipeBit(qint64 word, int bit, int value)
     return storeRecipeWord(word, v & 0xFF, (v >> 8) & 0xFF);
 }
 
+bool currentRecipeItems(int &first, int &end)
+{
+    const int b = driver.rcpIndex;
+    if (b < 0 || b >= driver.rcpBlockItems.size())
+        return false;
+    const QPair<int, int> items = driver.rcpBlockItems.at(b);
+    first = items.first;
+    end = int(qMin<qint64>(qint64(items.first) + items.second, driver.rcpItems.size()));
+    return true;
+}
+
 int recipeFlag(int offset, bool locked)
 {
     if (!driver.sharedMem)
@@ -72,27 +86,18 @@ void setRecipeFlagLocked(int offset, unsigned char value)
 
 namespace {
 
-bool isInterleavedRegister(const QString &name)
-{
-    return name == QLatin1String("V") || name == QLatin1String("Z");
-}
-
 // Fills the job's value bytes from the recipe buffer, each unit from the
 // place of the item that holds it; where items overlap, the first one wins.
 // Bits stand packed 16 to a buffer word and take one data byte each; words
 // take two data bytes and double words four, each word low byte first.
 void fillFromRecipe(const _RCP_VAR_PRO &block, int width, VARIABLE &job)
 {
-    const int b = driver.rcpIndex;
-    if (b < 0 || b >= driver.rcpBlockItems.size())
-        return;
+    int first, end;
     const int bytesPerUnit = width == 1 ? 1 : width / 8;
-    if (bytesPerUnit < 1)
+    if (bytesPerUnit < 1 || !currentRecipeItems(first, end))
         return;
     const RecipeWindow window(block.address, qMin(block.length, int(KQ71_DATA_BYTES) / bytesPerUnit));
-    const QPair<int, int> items = driver.rcpBlockItems.at(b);
-    const int last = qMin(items.first + items.second, driver.rcpItems.size()) - 1;
-    for (int k = last; k >= items.first; --k) {
+    for (int k = end - 1; k >= first; --k) {
         const _RCP_VAR_PRO &item = driver.rcpItems.at(k);
         const RecipeWindow span = window.overlap(recipeItemWindow(item));
         for (int u = span.first; u < span.end(); ++u) {
@@ -121,9 +126,9 @@ void rcpAddrToVar(const _RCP_VAR_PRO &block, VARIABLE &job, int isWrite)
     job.length = block.length;
     memset(job.data, 0, sizeof(job.data));
 
-    const int idx = getIndexFromRegName(job.regName);
-    const int width = idx >= 0 ? rowWidth(idx) : 0;
-    if (isInterleavedRegister(job.regName)) {
+    const kq71::RegisterTraits traits = kq71::registerTraits(job.regName);
+    const int width = traits.known() ? traits.unitBits : 0;
+    if (traits.interleaved) {
         if (recipeFlag(KQ71_RECIPE_WRITE_FLAG, false) == 1) {
             // Interleaved registers are written one word per frame.
             fillFromRecipe(block, width, job);
@@ -143,7 +148,7 @@ void rcpAddrToVar(const _RCP_VAR_PRO &block, VARIABLE &job, int isWrite)
     } else if (!isWrite) {
         return;
     }
-    if (idx >= 0)
+    if (traits.known())
         fillFromRecipe(block, width, job);
 }
 
@@ -192,17 +197,18 @@ int intf_setRcpAddress(QVector<_RCP_VAR_PRO> *items)
         key.bufOffset = it.bufOffset;
         keys.append(key);
     }
-    addrMerge(keys, 2);
-
-    for (int k = 0; k < keys.size(); ++k) {
-        const KEY_ADDRESS &key = keys.at(k);
+    const std::vector<PlannedBlock> plan = planBlocks(keys, 2);
+    for (size_t k = 0; k < plan.size(); ++k) {
+        const PlannedBlock &p = plan[k];
         _RCP_VAR_PRO block;
-        block.station = key.station;
-        block.regName = key.regName;
-        block.address = key.address;
-        block.length = key.length;
-        block.bufOffset = key.bufOffset;
+        block.station = p.station;
+        block.regName = p.regName;
+        block.address = p.address;
+        block.length = p.length;
+        block.bufOffset = keys.at(p.source).bufOffset;
         driver.rcpBlocks.append(block);
+        driver.rcpBlockStarts.append(p.firstItem);
+        driver.rcpBlockItems.append(qMakePair(p.firstItem, p.itemCount));
     }
     return driver.rcpItems.size();
 }

@@ -1,7 +1,7 @@
 // Register pickers of the editor: which registers hold bits or words, and the
 // five-item description of one register.
-#include "protocol.h"
 #include "register_table.h"
+#include "vorn_kq71_ap.h"
 
 namespace {
 

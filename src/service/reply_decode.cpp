@@ -1,9 +1,10 @@
 // Decoding of a good read reply into the cache, and into the recipe buffer
 // while a recipe is being read.
-#include "kq71_protocol.h"
-#include "protocol.h"
-#include "recipe_layout.h"
-#include "register_table.h"
+#include "reply_decode.h"
+#include "byte_order.h"
+#include "change_notify.h"
+#include "data_area.h"
+#include "recipe.h"
 
 namespace {
 
@@ -22,10 +23,10 @@ private:
     int size_;
 };
 
-void decodeBits(const ReplyBytes &reply, int count, int pos, const VARIABLE &var)
+void decodeBits(const ReplyBytes &reply, const UnitRange &r, int pos, const VARIABLE &var)
 {
-    AreaKey area(var.regName);
-    const int units = boundedUnits(var.address, count);
+    AreaKey area(r.area);
+    const int units = r.units;
     for (int i = 0; i < units; ++i) {
         const int idx = getIndexOfDataArea(var.station, area, var.address + i);
         const quint8 bit = (reply.at(qint64(pos) + i / 8) >> (i % 8)) & 1;
@@ -46,11 +47,10 @@ void clearPendingUnlessBitWrite(_DATA_ &unit)
         unit.writePending = 0;
 }
 
-void decodeWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &var, int stride)
+void decodeWords(const ReplyBytes &reply, const UnitRange &r, int pos, const VARIABLE &var, int stride)
 {
-    const QString name = areaName(var.regName);
-    AreaKey area(name);
-    const int units = boundedUnits(var.address, count);
+    AreaKey area(r.area);
+    const int units = r.units;
     for (int i = 0; i < units; ++i) {
         const int idx = getIndexOfDataArea(var.station, area, var.address + i);
         const qint64 p = pos + qint64(2) * stride * i;
@@ -67,11 +67,10 @@ void decodeWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &va
     }
 }
 
-void decodeDoubleWords(const ReplyBytes &reply, int count, int pos, const VARIABLE &var)
+void decodeDoubleWords(const ReplyBytes &reply, const UnitRange &r, int pos, const VARIABLE &var)
 {
-    const QString name = areaName(var.regName);
-    AreaKey area(name);
-    const int units = boundedUnits(var.address, count);
+    AreaKey area(r.area);
+    const int units = r.units;
     for (int i = 0; i < units; ++i) {
         const int idx = getIndexOfDataArea(var.station, area, var.address + i);
         const qint64 p = pos + qint64(4) * i;
@@ -96,66 +95,67 @@ void reportRecipeWord(int word)
     reportValueChange(0, -1, QString::fromLatin1("RWI"), word);
 }
 
-// Copies the values of the block's items from the reply to their places in the
-// recipe buffer. Each item is placed by its own bufOffset; units of an item
-// that lie outside this block belong to another block's reply.
-void copyToRecipe(const ReplyBytes &reply, int pos, const VARIABLE &var, int width, int stride)
+// An item's words (or its first double word) from the reply into the buffer.
+void copyItemWords(const ReplyBytes &reply, int pos, const VARIABLE &var, const _RCP_VAR_PRO &item,
+                   const RecipeWindow &span, int width, int stride)
 {
-    if (!driver.recipeBuf || driver.rcpIndex < 0 || driver.rcpIndex >= driver.rcpBlockItems.size())
-        return;
-    const QPair<int, int> items = driver.rcpBlockItems.at(driver.rcpIndex);
-    const RecipeWindow block(var.address, var.length);
-    for (int k = items.first; k < items.first + items.second && k < driver.rcpItems.size(); ++k) {
-        const _RCP_VAR_PRO item = driver.rcpItems.at(k);
-        const RecipeWindow span = block.overlap(recipeItemWindow(item));
-        for (int u = span.first; u < span.end(); ++u) {
-            const int j = u - item.address;             // unit within the item
-            const qint64 p0 = pos + qint64(u - var.address) * (width == 32 ? 4 : 2 * stride);
-            if (width == 16) {
-                const qint64 word = qint64(item.bufOffset) + j;
-                if (!storeRecipeWord(word, reply.at(p0 + 1), reply.at(p0)))
-                    continue;
-                reportRecipeWord(int(word));
-            } else if (width == 32) {
-                // One double word per item: the first one the item names.
-                if (j != 0)
-                    continue;
-                const qint64 word = item.bufOffset;
-                if (!storeRecipeWord(word, reply.at(p0 + 1), reply.at(p0)) ||
-                    !storeRecipeWord(word + 1, reply.at(p0 + 3), reply.at(p0 + 2)))
-                    continue;
-                reportRecipeWord(int(word));
-                reportRecipeWord(int(word + 1));
-            }
+    for (int u = span.first; u < span.end(); ++u) {
+        const int j = u - item.address; // unit within the item
+        const qint64 p0 = pos + qint64(u - var.address) * (width == kq71::UNIT_DWORD ? 4 : 2 * stride);
+        if (width == kq71::UNIT_WORD) {
+            const qint64 word = qint64(item.bufOffset) + j;
+            if (!storeRecipeWord(word, reply.at(p0 + 1), reply.at(p0)))
+                continue;
+            reportRecipeWord(int(word));
+        } else if (j == 0) {
+            // One double word per item: the first one the item names.
+            const qint64 word = item.bufOffset;
+            if (!storeRecipeWord(word, reply.at(p0 + 1), reply.at(p0)) ||
+                !storeRecipeWord(word + 1, reply.at(p0 + 3), reply.at(p0 + 2)))
+                continue;
+            reportRecipeWord(int(word));
+            reportRecipeWord(int(word + 1));
         }
     }
 }
 
 // Bits of a recipe item stand packed in the buffer, 16 to a word, least
 // significant first; each word touched is reported once.
-void copyBitsToRecipe(const ReplyBytes &reply, int pos, const VARIABLE &var)
+void copyItemBits(const ReplyBytes &reply, int pos, const VARIABLE &var, const _RCP_VAR_PRO &item,
+                  const RecipeWindow &span)
 {
-    if (!driver.recipeBuf || driver.rcpIndex < 0 || driver.rcpIndex >= driver.rcpBlockItems.size())
+    qint64 lastWord = -1;
+    for (int u = span.first; u < span.end(); ++u) {
+        const int i = u - item.address;
+        const int off = u - var.address;
+        const int bit = (reply.at(qint64(pos) + off / 8) >> (off % 8)) & 1;
+        const qint64 word = qint64(item.bufOffset) + i / 16;
+        if (!storeRecipeBit(word, i % 16, bit))
+            continue;
+        if (word != lastWord && lastWord >= 0)
+            reportRecipeWord(int(lastWord));
+        lastWord = word;
+    }
+    if (lastWord >= 0)
+        reportRecipeWord(int(lastWord));
+}
+
+// Copies the values of the block's items from the reply to their places in the
+// recipe buffer. Each item is placed by its own bufOffset; units of an item
+// that lie outside this block belong to another block's reply.
+void copyToRecipe(const ReplyBytes &reply, int pos, const VARIABLE &var, int width, int stride)
+{
+    int first, end;
+    if (!driver.recipeBuf || !currentRecipeItems(first, end))
         return;
-    const QPair<int, int> items = driver.rcpBlockItems.at(driver.rcpIndex);
     const RecipeWindow block(var.address, var.length);
-    for (int k = items.first; k < items.first + items.second && k < driver.rcpItems.size(); ++k) {
+    for (int k = first; k < end; ++k) {
         const _RCP_VAR_PRO item = driver.rcpItems.at(k);
         const RecipeWindow span = block.overlap(recipeItemWindow(item));
-        qint64 lastWord = -1;
-        for (int u = span.first; u < span.end(); ++u) {
-            const int i = u - item.address;
-            const int off = u - var.address;
-            const int bit = (reply.at(qint64(pos) + off / 8) >> (off % 8)) & 1;
-            const qint64 word = qint64(item.bufOffset) + i / 16;
-            if (!storeRecipeBit(word, i % 16, bit))
-                continue;
-            if (word != lastWord && lastWord >= 0)
-                reportRecipeWord(int(lastWord));
-            lastWord = word;
-        }
-        if (lastWord >= 0)
-            reportRecipeWord(int(lastWord));
+        if (width == kq71::UNIT_BIT)
+            copyItemBits(reply, pos, var, item, span);
+        else
+            copyItemWords(reply, pos, var, item, span, width, stride);
     }
 }
 
@@ -164,23 +164,18 @@ void copyBitsToRecipe(const ReplyBytes &reply, int pos, const VARIABLE &var)
 void analyzeFrameOfVal(const QByteArray &replyBytes, int itemCount, int dataPos, const VARIABLE &var)
 {
     const ReplyBytes reply(replyBytes);
-    const bool vz = var.regName == QLatin1String("V") || var.regName == QLatin1String("Z");
-    const int stride = vz ? 2 : 1;
-    const bool recipeRead = driver.cycleState == CYCLE_RECIPE_READ;
-    const int width = rowWidth(rangeRowFor(var.regName));
     // Loops are bounded by the range limit of every call; bytes past the reply read as 0.
-    const int count = itemCount;
+    const UnitRange r = cacheRange(var.regName, var.address, itemCount, UNIT_COUNT);
+    const int stride = r.traits.interleaved ? 2 : 1;
+    const bool recipeRead = driver.cycleState == CYCLE_RECIPE_READ;
+    const int width = r.traits.unitBits;
 
-    if (width == 1) {
-        decodeBits(reply, count, dataPos, var);
-        if (recipeRead)
-            copyBitsToRecipe(reply, dataPos, var);
-    } else if (width == 16 || width == 32) {
-        if (width == 16)
-            decodeWords(reply, count, dataPos, var, stride);
-        else
-            decodeDoubleWords(reply, count, dataPos, var);
-        if (recipeRead)
-            copyToRecipe(reply, dataPos, var, width, stride);
-    }
+    if (width == kq71::UNIT_BIT)
+        decodeBits(reply, r, dataPos, var);
+    else if (width == kq71::UNIT_WORD)
+        decodeWords(reply, r, dataPos, var, stride);
+    else
+        decodeDoubleWords(reply, r, dataPos, var);
+    if (recipeRead)
+        copyToRecipe(reply, dataPos, var, width, stride);
 }

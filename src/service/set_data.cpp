@@ -1,8 +1,13 @@
 // The runtime writes values: write jobs for the PLC, and the values mirrored
 // into the cache at once as pending.
-#include "kq71_protocol.h"
-#include "protocol.h"
-#include "register_table.h"
+#include "vorn_kq71_ap.h"
+#include "set_data.h"
+#include "addr_merge.h"
+#include "byte_order.h"
+#include "change_notify.h"
+#include "data_area.h"
+#include "frames.h"
+#include "job_queue.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QMutexLocker>
@@ -21,14 +26,12 @@ void queueWriteJob(const VARIABLE &job)
 
 // Units of one piece: no more than the piece limit, and no more than one
 // request carries, so that every job becomes a frame.
-int pieceLimit(int kind)
+int pieceLimit(const kq71::RegisterTraits &t)
 {
-    int limit = kind == 1 ? driver.maxBitsPerPiece : driver.maxWordsPerPiece;
-    if (limit < 1)
-        limit = MAX_BLOCK_UNITS;
-    if (kind == 1)
+    int limit = configuredPieceLimit(t.isBit());
+    if (t.isBit())
         return qMin(limit, int(MAX_WRITE_BITS));
-    if (kind == 32) {
+    if (t.unitBits == kq71::UNIT_DWORD) {
         // Pieces of a double-word write meet on double-word boundaries.
         limit = qMin(limit, int(MAX_WRITE_REGISTERS)) & ~1;
         return limit >= 2 ? limit : 2;
@@ -52,10 +55,10 @@ void queueInterleavedWords(int id, int station, const QString &regName, const KE
     }
 }
 
-void queuePieces(int id, const QString &regName, int kind, int width, const KEY_ADDRESS &key, qint64 &shift)
+void queuePieces(int id, const QString &regName, const kq71::RegisterTraits &t, const KEY_ADDRESS &key, qint64 &shift)
 {
     QList<KEY_ADDRESS> pieces;
-    groupingKey(key, pieceLimit(kind), pieces, 1);
+    groupingKey(key, pieceLimit(t), pieces, 1);
     for (int p = 0; p < pieces.size(); ++p) {
         const KEY_ADDRESS &piece = pieces.at(p);
         VARIABLE job;
@@ -64,12 +67,12 @@ void queuePieces(int id, const QString &regName, int kind, int width, const KEY_
         job.regName = regName;
         job.address = piece.address;
         job.length = piece.length;
-        const qint64 bytes = qint64(piece.length) * (kind == 1 ? 1 : 2);
+        const qint64 bytes = qint64(piece.length) * (t.isBit() ? 1 : 2);
         memcpy(job.data, piece.data, size_t(qBound<qint64>(0, bytes, KQ71_DATA_BYTES)));
-        if (kind != 1) {
+        if (!t.isBit()) {
             // Job addresses and lengths count the register's own units.
             job.address = int(piece.address - shift);
-            job.length = int(piece.length * 16.0 / width);
+            job.length = int(t.unitsOfWords(piece.length));
             shift += piece.length - job.length;
         }
         qDebug() << "addVarToList" << job.station << job.regName << job.address << job.length;
@@ -81,16 +84,14 @@ void queuePieces(int id, const QString &regName, int kind, int width, const KEY_
 // every value is written.
 void queueWrite(int station, const QString &regName, int address, int length, const unsigned char *values, int id)
 {
-    const int row = rangeRowFor(regName);
-    const int kind = rowKind(row);
-    const int width = rowWidth(row);
-    const int bytesPerUnit = kind == 1 ? 1 : 2;
+    const kq71::RegisterTraits t = kq71::registerTraits(regName);
+    // Keys carry bits a byte each and 16-bit words two bytes each.
+    const int bytesPerUnit = t.isBit() ? 1 : 2;
     // A key holds 1024 bits or 512 words; taking a whole number of pieces per
     // key keeps the cut where the piece limit puts it.
-    const int limit = pieceLimit(kind);
+    const int limit = pieceLimit(t);
     const int capacity = KQ71_DATA_BYTES / bytesPerUnit;
     const int unitsPerKey = limit <= capacity ? capacity / limit * limit : capacity;
-    const bool interleaved = regName == QLatin1String("V") || regName == QLatin1String("Z");
     const int total = boundedUnits(address, length);
     if (total == 0 && length != 0)
         return; // a negative range names nothing
@@ -102,13 +103,13 @@ void queueWrite(int station, const QString &regName, int address, int length, co
         key.regName = regName;
         key.address = address + done;
         key.length = qMin(unitsPerKey, total - done);
-        key.dataType = kind == 1 ? -1 : 0;
+        key.dataType = t.isBit() ? -1 : 0;
         if (key.length > 0)
             memcpy(key.data, values + qint64(done) * bytesPerUnit, size_t(key.length) * bytesPerUnit);
-        if (interleaved)
+        if (t.interleaved)
             queueInterleavedWords(id, station, regName, key);
         else
-            queuePieces(id, regName, kind, width, key, shift);
+            queuePieces(id, regName, t, key, shift);
         done += key.length;
     } while (done < total);
 }
@@ -117,35 +118,22 @@ void queueWrite(int station, const QString &regName, int address, int length, co
 
 void write_saveDataToArea(int station, const QString &regName, int address, int length, const unsigned char *values)
 {
-    const int kind = rowKind(rangeRowFor(regName));
-    if (kind != 1 && kind != 16 && kind != 32)
-        return;
-    const QString name = kind == 1 ? regName : areaName(regName);
-    AreaKey area(name);
-    const int units = boundedUnits(address, kind == 32 ? length / 2 : length);
-    for (int i = 0; i < units; ++i) {
+    const UnitRange r = cacheRange(regName, address, length, RUNTIME_LENGTH);
+    const int bytes = r.traits.bytesPerUnit();
+    AreaKey area(r.area);
+    for (int i = 0; i < r.units; ++i) {
         const int idx = getIndexOfDataArea(station, area, address + i);
         quint8 stored[4] = {0, 0, 0, 0};
-        if (kind == 1) {
-            stored[0] = values[i];
-        } else if (kind == 16) {
-            stored[0] = values[2 * i + 1];
-            stored[1] = values[2 * i];
-        } else {
-            stored[0] = values[4 * i + 1];
-            stored[1] = values[4 * i];
-            stored[2] = values[4 * i + 3];
-            stored[3] = values[4 * i + 2];
-        }
+        swapUnitBytes(values + qint64(i) * bytes, stored, bytes);
         {
             const _DATA_ &unit = driver.dataAreas.at(idx);
             const quint8 *cur = unit.writePending == 1 ? unit.writtenValue : unit.readValue;
             // Reported before the unit takes the value: a reader in the report
             // still sees the previous one.
-            if (kind == 1) {
+            if (r.traits.isBit()) {
                 if (cur[0] != stored[0])
                     reportValueChange(driver.deviceId, station, regName, address + i);
-            } else if (kind == 16) {
+            } else if (r.traits.unitBits == kq71::UNIT_WORD) {
                 const int oldValue = uchar2int16(cur[0], cur[1]);
                 const int newValue = uchar2int16(stored[0], stored[1]);
                 if (oldValue != newValue)
@@ -160,7 +148,7 @@ void write_saveDataToArea(int station, const QString &regName, int address, int 
         if (idx >= driver.dataAreas.size())
             continue; // the report re-entered and cleared the cache
         _DATA_ &unit = driver.dataAreas[idx];
-        memcpy(unit.writtenValue, stored, size_t(kind == 1 ? 1 : kind / 8));
+        memcpy(unit.writtenValue, stored, size_t(bytes));
         unit.writePending = 1;
     }
 }

@@ -1,31 +1,27 @@
 // Settling a write once the PLC acknowledged it or the driver gave it up.
-#include "kq71_protocol.h"
-#include "protocol.h"
-#include "register_table.h"
+#include "write_completion.h"
+#include "byte_order.h"
+#include "change_notify.h"
+#include "data_area.h"
 
 #include <string.h>
 
 void _write_FailOrSuc(int station, const QString &regName, int address, int length, int success)
 {
-    const int kind = rowKind(rangeRowFor(regName));
-    if (kind != 1 && kind != 16 && kind != 32)
-        return;
-    const QString name = kind == 1 ? regName : areaName(regName);
-    AreaKey area(name);
-    const int units = boundedUnits(address, length);
-    for (int i = 0; i < units; ++i) {
+    const UnitRange r = cacheRange(regName, address, length, UNIT_COUNT);
+    AreaKey area(r.area);
+    for (int i = 0; i < r.units; ++i) {
         const int idx = getIndexOfDataArea(station, area, address + i);
         _DATA_ &unit = driver.dataAreas[idx];
         // Cleared before any report: a reader inside the report sees the read value.
         unit.writePending = 0;
-        const int used = kind == 1 ? 1 : kind / 8;
         if (success) {
-            memcpy(unit.readValue, unit.writtenValue, size_t(used));
+            memcpy(unit.readValue, unit.writtenValue, size_t(r.traits.bytesPerUnit()));
             continue;
         }
-        if (kind == 1) {
+        if (r.traits.isBit()) {
             reportValueChange(driver.deviceId, station, regName, address + i);
-        } else if (kind == 16) {
+        } else if (r.traits.unitBits == kq71::UNIT_WORD) {
             const int readValue = uchar2int16(unit.readValue[0], unit.readValue[1]);
             const int written = uchar2int16(unit.writtenValue[0], unit.writtenValue[1]);
             _wordDataChange(&readValue, &written, idx, 0);

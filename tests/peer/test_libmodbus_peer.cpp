@@ -1,7 +1,7 @@
 // Our frames against an independent Modbus RTU implementation. Each side of
 // libmodbus gets the slave end of a pseudo-terminal; the test holds the master
 // end, so it can read exactly what libmodbus sends and feed it our bytes.
-#include "kq71_protocol.h"
+#include "driver_internals.h"
 #include "pty_pair.h"
 #include "register_table.h"
 

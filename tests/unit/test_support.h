@@ -4,8 +4,7 @@
 #ifndef KQ71_TEST_SUPPORT_H
 #define KQ71_TEST_SUPPORT_H
 
-#include "kq71_protocol.h"
-#include "protocol.h"
+#include "driver_internals.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QMutex>
@@ -192,16 +191,13 @@ protected:
         std::fill(recipeBuf.begin(), recipeBuf.end(), 0);
         shared_ = sharedMem.data();
         recipe_ = recipeBuf.data();
+        {
+            ServiceLock lock; // the recipe survives initialisation; a test starts without one
+            driver.resetAll();
+        }
         intf_setAddrValueChangeCallBack(&Recorder::callback);
         int status = -1;
         ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, property.c_str(), &runtimeMutex));
-        ServiceLock lock; // the recipe survives initialisation; a test starts without one
-        driver.rcpItems.clear();
-        driver.rcpBlocks.clear();
-        driver.rcpBlockStarts.clear();
-        driver.rcpBlockItems.clear();
-        driver.rcpIndex = 0;
-        driver.lastCondition = VARIABLE();
         reports();
     }
     Reports reports()

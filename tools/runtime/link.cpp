@@ -1,4 +1,5 @@
 #include "link.h"
+#include "checksum.h"
 
 #include <QtCore/QThread>
 #include <QtNetwork/QTcpSocket>
@@ -25,13 +26,7 @@ qint64 frameGapUs(int baud)
 
 quint16 rtuCrc(const char *data, int size)
 {
-    quint16 crc = 0xFFFF;
-    for (int i = 0; i < size; ++i) {
-        crc ^= static_cast<unsigned char>(data[i]);
-        for (int k = 0; k < 8; ++k)
-            crc = (crc & 1) ? quint16((crc >> 1) ^ 0xA001) : quint16(crc >> 1);
-    }
-    return crc;
+    return kq71::crcUpdate(0xFFFF, reinterpret_cast<const unsigned char *>(data), size);
 }
 
 int completeReplyLength(const QByteArray &received, int expected)

@@ -1,4 +1,5 @@
 #include "plc_simulator.h"
+#include "checksum.h"
 
 #include <cmath>
 
@@ -66,13 +67,7 @@ const char *faultName(Fault fault)
 
 std::uint16_t crc16(const char *data, int size)
 {
-    std::uint16_t crc = 0xFFFF;
-    for (int i = 0; i < size; ++i) {
-        crc ^= static_cast<unsigned char>(data[i]);
-        for (int k = 0; k < 8; ++k)
-            crc = (crc & 1) ? std::uint16_t((crc >> 1) ^ 0xA001) : std::uint16_t(crc >> 1);
-    }
-    return crc;
+    return kq71::crcUpdate(0xFFFF, reinterpret_cast<const unsigned char *>(data), size);
 }
 
 QByteArray withCrc(const QByteArray &body)

@@ -1,7 +1,8 @@
-// Where recipe values stand: the units a recipe item or block spans, and the
-// recipe buffer of 16-bit words (each low byte first) owned by the runtime.
-#ifndef SERVICE_RECIPE_LAYOUT_H
-#define SERVICE_RECIPE_LAYOUT_H
+// Recipe transfers: where recipe values stand (the units an item or block
+// spans, the runtime's recipe buffer of 16-bit words, each low byte first),
+// the runtime's flag bytes, and the job of one block.
+#ifndef SERVICE_RECIPE_H
+#define SERVICE_RECIPE_H
 
 #include "vorn_kq71_ap.h"
 
@@ -28,5 +29,16 @@ RecipeWindow recipeItemWindow(const _RCP_VAR_PRO &item);
 bool storeRecipeWord(qint64 word, unsigned char low, unsigned char high);
 bool loadRecipeWord(qint64 word, unsigned char &low, unsigned char &high);
 bool storeRecipeBit(qint64 word, int bit, int value);
+
+// The items the current recipe block covers, [first, end) in driver.rcpItems;
+// false when no block is current.
+bool currentRecipeItems(int &first, int &end);
+
+// Recipe flag bytes in the runtime's shared memory (0 when there is none).
+int recipeFlag(int offset, bool locked);
+void setRecipeFlagLocked(int offset, unsigned char value);
+
+// The job of one recipe block; a write takes its values from the buffer.
+void rcpAddrToVar(const _RCP_VAR_PRO &block, VARIABLE &job, int isWrite);
 
 #endif

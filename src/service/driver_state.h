@@ -1,0 +1,125 @@
+// The driver's state: the one driver object that every service routine
+// reaches through the global `driver`, its cached unit record and its lock.
+#ifndef SERVICE_DRIVER_STATE_H
+#define SERVICE_DRIVER_STATE_H
+
+#include "vorn_kq71_ap.h"
+#include "data_index.h"
+
+#include <QtCore/QList>
+#include <QtCore/QMutex>
+#include <QtCore/QPair>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+#include <mutex>
+
+// One cached unit of PLC memory (a bit, a word or a double word).
+struct _DATA_ {
+    quint8 spareFlag;
+    quint8 writePending;     // writtenValue stands and its write has not completed
+    qint32 bitWritePending;  // reserved for bit writes inside a unit; always 0 here
+    qint32 monitorFlags;     // bit 0: the unit is watched
+    qint32 bitMonitorMask;   // reserved for bits watched inside a unit; always 0 here
+    qint32 station;
+    QString regName;
+    qint32 address;
+    quint8 readValue[4];     // bytes in reply order (a register high byte first)
+    quint8 writtenValue[4];  // same order as readValue
+
+    _DATA_();
+};
+
+// Job kinds of the exchange cycle.
+enum CycleState {
+    CYCLE_IDLE = 0,
+    CYCLE_HANDSHAKE = 1,
+    CYCLE_WRITE = 2,
+    CYCLE_CONDITION = 3,
+    CYCLE_CYCLIC = 4,
+    CYCLE_RECIPE_WRITE = 5,
+    CYCLE_RECIPE_READ = 6
+};
+
+enum {
+    MAX_QUEUED_JOBS = 513, // write and condition queues: index 512 is the last slot
+    MAX_BLOCK_UNITS = 128,
+    CYCLIC_READ_ID = 4,
+    MAX_WRITE_BURST = 9,     // a write is taken while burstCount <= 9
+    MAX_CONDITION_BURST = 2, // a condition read while burstCount <= 2
+    // No call covers more units than the whole 16-bit wire address space: a
+    // longer range cannot name PLC memory, and bounding it bounds the cache.
+    MAX_RANGE_UNITS = 0x10000
+};
+
+class Protocol {
+public:
+    ValueChangeCallBack valueChangeCallBack;
+    int deviceId;
+    int cacheOnlyWrites;
+    int retryLimit;
+    int mergeGap;
+    unsigned char *sharedMem;
+    unsigned char *recipeBuf;
+    QMutex *sharedMemMutex;
+    QList<VARIABLE> cyclicReads;
+    QList<VARIABLE> writeJobs;
+    QList<VARIABLE> conditionReads;
+    QList<_DATA_> dataAreas;
+    QVector<_RCP_VAR_PRO> rcpItems;
+    QVector<_RCP_VAR_PRO> rcpBlocks;
+    QList<int> rcpBlockStarts;
+    VARIABLE lastCondition;
+    QList<QString> regNames;
+    VARIABLE currentJob;
+    QList<VARIABLE> currentReadList;
+    int cycleState;
+    int burstCount;
+    int handshakePending;
+    int retryCount;
+    int maxBitsPerPiece;
+    int maxWordsPerPiece;
+    int lastJobFailed;
+    QList<FRAME_PRO> frameQueue;
+    QMutex listMutex;
+    int rcpIndex;
+    QString propertyPage;
+
+    // Beside the list: finds a unit's index without scanning dataAreas.
+    DataAreaIndex dataIndex;
+    // Serialises the runtime's threads over the cache, job lists and frame queue.
+    // Recursive: the callback may call back into the driver on the same thread.
+    // A standard mutex, so that thread checkers see what it orders.
+    std::recursive_mutex serviceLock;
+    // For each recipe block, the items it covers (first item index, item count).
+    // Filled beside rcpBlockStarts, so items cut over several blocks stay placed.
+    QVector<QPair<int, int> > rcpBlockItems;
+
+    Protocol();
+    ~Protocol();
+
+    // Empties the job lists, the frame queue and the cache and puts the cycle
+    // at rest; the configuration and the recipe stay.
+    void clearRunState();
+    // Everything back to the state of a freshly loaded library.
+    void resetAll();
+
+private:
+    Protocol(const Protocol &);
+    Protocol &operator=(const Protocol &);
+};
+
+extern Protocol driver;
+
+// Holds the driver's service lock for a scope.
+class ServiceLock {
+public:
+    ServiceLock() { driver.serviceLock.lock(); }
+    ~ServiceLock() { driver.serviceLock.unlock(); }
+
+private:
+    ServiceLock(const ServiceLock &);
+    ServiceLock &operator=(const ServiceLock &);
+};
+
+#endif
