@@ -117,6 +117,18 @@ QList<KEY_ADDRESS> bubblePlan(QList<KEY_ADDRESS> keys, int mergeGap)
         else if (keys.at(i).length > 65536)
             keys[i].length = 65536;
     }
+    // M relays from 8000 on live in another wire area: a key across is read
+    // as two.
+    for (int i = keys.size() - 1; i >= 0; --i) {
+        KEY_ADDRESS &k = keys[i];
+        if (k.regName == QLatin1String("M") && k.address < 8000 && qint64(k.address) + k.length > 8000) {
+            KEY_ADDRESS high = k;
+            high.address = 8000;
+            high.length = k.address + k.length - 8000;
+            k.length = 8000 - k.address;
+            keys.insert(i + 1, high);
+        }
+    }
     if (keys.isEmpty())
         return keys;
 

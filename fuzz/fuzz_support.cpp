@@ -564,12 +564,17 @@ int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wellFormed
     const FRAME_PRO head = pending ? driver.frameQueue.first() : FRAME_PRO();
     const VARIABLE &job = head.var;
     const qint64 units = pending ? unitsNamed(job.length) : 0;
-    // Good is exactly: as long as the request awaits, with its CRC.
+    // Good is exactly: as long as the request awaits, with its CRC, from the
+    // station and for the function asked; a read reply with its byte count
+    // (modulo 256) and not the request echoed. Nothing else is decoded.
     const QByteArray seen = noReply ? QByteArray() : bytes;
-    const bool good = pending && seen.size() == head.recvLen && seen.size() >= 2 &&
-                      crc16(reinterpret_cast<const unsigned char *>(seen.constData()), seen.size() - 2) ==
-                          (static_cast<unsigned char>(seen.at(seen.size() - 2)) |
-                           unsigned(static_cast<unsigned char>(seen.at(seen.size() - 1))) << 8);
+    const unsigned char *s = reinterpret_cast<const unsigned char *>(seen.constData());
+    const bool readJob = head.frame[1] == 0x01 || head.frame[1] == 0x03;
+    const bool good = pending && seen.size() == head.recvLen && seen.size() >= 5 &&
+                      crc16(s, seen.size() - 2) == (s[seen.size() - 2] | unsigned(s[seen.size() - 1]) << 8) &&
+                      s[0] == head.frame[0] && s[1] == head.frame[1] &&
+                      (!readJob || (s[2] == ((seen.size() - 5) & 0xFF) &&
+                                    !(head.sendLen == seen.size() && memcmp(s, head.frame, size_t(seen.size())) == 0)));
 
     int result;
     {

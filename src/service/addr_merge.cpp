@@ -184,13 +184,24 @@ std::vector<PlannedBlock> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
     }
     // A key that names no unit reads nothing, and no key reaches beyond the
     // range one call may name: every block stays a request a PLC can answer.
+    // M relays on both sides of their boundary are read from their own areas.
     std::vector<PlanKey> kept;
     kept.reserve(keys.size());
     for (size_t i = 0; i < keys.size(); ++i) {
         PlanKey &k = keys[i];
         k.length = boundedUnits(k.address, k.length);
-        if (k.length > 0)
+        if (k.length <= 0)
+            continue;
+        if (kq71::registerTraits(k.regName).crossesRelayBoundary(k.address, k.length)) {
+            PlanKey high = k;
+            high.address = kq71::RELAY_BOUNDARY;
+            high.length = k.address + k.length - kq71::RELAY_BOUNDARY;
+            k.length = kq71::RELAY_BOUNDARY - k.address;
             kept.push_back(k);
+            kept.push_back(high);
+            continue;
+        }
+        kept.push_back(k);
     }
     keys.swap(kept);
     if (keys.empty())

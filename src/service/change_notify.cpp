@@ -4,8 +4,14 @@
 
 void reportValueChange(int deviceId, int station, const QString &regName, int address)
 {
-    if (driver.valueChangeCallBack)
-        driver.valueChangeCallBack(deviceId, station, regName, address);
+    const ValueChangeCallBack callBack = driver.valueChangeCallBack;
+    if (!callBack)
+        return;
+    // The runtime's code may take its own mutex, which another of its threads
+    // may hold while it waits for us: the call is made without our lock.
+    const QString name = regName;
+    ServiceUnlocked unlocked;
+    callBack(deviceId, station, name, address);
 }
 
 namespace {

@@ -22,7 +22,6 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
     // its range bounded like every range of a call.
     const int length = boundedUnits(key->address, key->length);
     const int pieceCount = length <= limit ? 1 : length / limit + (length % limit ? 1 : 0);
-    bool queued = false;
     for (int i = 0; i < pieceCount && length > 0; ++i) {
         const int pieceAddress = int(qint64(key->address) + qint64(i) * limit);
         const int pieceLength = (i == pieceCount - 1 && length % limit) ? length % limit : qMin(length, limit);
@@ -42,9 +41,16 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
         }
         if (job.length <= 0)
             continue; // a single word of a double-word register reads nothing
-        queueReplacingSameRange(driver.conditionReads, job);
-        driver.lastCondition = job;
-        queued = true;
+        // M relays are read on each side of their boundary.
+        VARIABLE parts[2];
+        const int n = splitAtRelayBoundary(job, parts);
+        for (int p = 0; p < n; ++p) {
+            queueReplacingSameRange(driver.conditionReads, parts[p], 0);
+            driver.lastCondition = parts[p];
+        }
     }
-    return queued ? 1 : 0;
+    // Every call opens (or extends) a batch that ends with one report, also
+    // when its keys name no unit.
+    driver.conditionBatchOpen = 1;
+    return 1;
 }

@@ -22,10 +22,17 @@ UnitRange cacheRange(const QString &regName, int address, qint64 length, LengthC
     return r;
 }
 
-AreaKey::AreaKey(const QString &regName) : name(regName), nameId(driver.dataIndex.findNameId(regName)) {}
+AreaKey::AreaKey(const QString &regName)
+    : name(regName), nameId(driver.dataIndex.findNameId(regName)), generation(driver.dataIndex.generation())
+{
+}
 
 int getIndexOfDataArea(int station, AreaKey &area, int address)
 {
+    if (area.generation != driver.dataIndex.generation()) {
+        area.nameId = driver.dataIndex.findNameId(area.name);
+        area.generation = driver.dataIndex.generation();
+    }
     if (area.nameId >= 0) {
         const int found = driver.dataIndex.find(station, area.nameId, address);
         if (found >= 0)

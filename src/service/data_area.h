@@ -23,11 +23,20 @@ enum LengthCount { RUNTIME_LENGTH, UNIT_COUNT };
 UnitRange cacheRange(const QString &regName, int address, qint64 length, LengthCount count);
 
 // A register name with its index id looked up once, for loops over a range.
+// A cache cleared meanwhile (the callback may re-initialise the driver) voids
+// the id; the lookup then takes it anew.
 struct AreaKey {
     QString name;
-    int nameId; // -1 until a record carries the name
+    int nameId;          // -1 until a record carries the name
+    unsigned generation; // of the index the id belongs to
     explicit AreaKey(const QString &regName);
 };
+// True when the cache was cleared after the key was made or last used: a
+// loop over a call's units stops there, its units belong to the old cache.
+inline bool cacheClearedSince(const AreaKey &area)
+{
+    return area.generation != driver.dataIndex.generation();
+}
 // Find-or-create: the position of the unit's record in driver.dataAreas.
 int getIndexOfDataArea(int station, AreaKey &area, int address);
 int getIndexOfDataArea(int station, const QString &regName, int address);

@@ -4,7 +4,7 @@ namespace {
 const int INITIAL_SLOTS = 64; // power of two
 }
 
-DataAreaIndex::DataAreaIndex() : count_(0) {}
+DataAreaIndex::DataAreaIndex() : count_(0), generation_(0) {}
 
 int DataAreaIndex::findNameId(const QString &regName) const
 {
@@ -87,4 +87,5 @@ void DataAreaIndex::clear()
     slots_ = QVector<Slot>();
     count_ = 0;
     names_.clear();
+    ++generation_;
 }

@@ -24,6 +24,8 @@ public:
 
     void clear();
     int size() const { return count_; }
+    // Changes at every clear: name ids and positions from before are void.
+    unsigned generation() const { return generation_; }
 
 private:
     struct Slot {
@@ -38,6 +40,7 @@ private:
 
     QVector<Slot> slots_;
     int count_;
+    unsigned generation_;
     QHash<QString, int> names_;
 };
 

@@ -13,6 +13,50 @@ _DATA_::_DATA_()
     memset(writtenValue, 0, sizeof(writtenValue));
 }
 
+namespace {
+// One byte per thread: its address names the thread that holds the lock.
+thread_local char threadMark;
+} // namespace
+
+void ServiceMutex::lock()
+{
+    if (owner_.load(std::memory_order_relaxed) == &threadMark) {
+        ++depth_;
+        return;
+    }
+    mutex_.lock();
+    owner_.store(&threadMark, std::memory_order_relaxed);
+    depth_ = 1;
+}
+
+void ServiceMutex::unlock()
+{
+    if (--depth_ > 0)
+        return;
+    owner_.store(0, std::memory_order_relaxed);
+    mutex_.unlock();
+}
+
+int ServiceMutex::releaseAll()
+{
+    if (owner_.load(std::memory_order_relaxed) != &threadMark)
+        return 0;
+    const int depth = depth_;
+    depth_ = 0;
+    owner_.store(0, std::memory_order_relaxed);
+    mutex_.unlock();
+    return depth;
+}
+
+void ServiceMutex::reacquire(int depth)
+{
+    if (depth <= 0)
+        return;
+    mutex_.lock();
+    owner_.store(&threadMark, std::memory_order_relaxed);
+    depth_ = depth;
+}
+
 // Members not named here keep the zeros of static storage until intf_initProperty.
 Protocol::Protocol() : listMutex(QMutex::NonRecursive)
 {
@@ -42,6 +86,7 @@ void Protocol::clearRunState()
     handshakePending = 0;
     retryCount = 0;
     lastJobFailed = 0;
+    conditionBatchOpen = 0;
 }
 
 void Protocol::resetAll()

@@ -12,7 +12,29 @@
 #include <QtCore/QString>
 #include <QtCore/QVector>
 
+#include <atomic>
 #include <mutex>
+
+// The driver's own lock: recursive for the thread that holds it (the callback
+// may call back into the driver), and able to let go of every level at once
+// while the driver waits for the runtime's mutex or calls the runtime's
+// callback, so that no runtime thread ever waits on us while we wait on it.
+// Built on a standard mutex, so that thread checkers see what it orders.
+class ServiceMutex {
+public:
+    ServiceMutex() : owner_(0), depth_(0) {}
+    void lock();
+    void unlock();
+    // Lets go of every level this thread holds (0 when it holds none).
+    int releaseAll();
+    // Takes the lock again at the level releaseAll gave back.
+    void reacquire(int depth);
+
+private:
+    std::mutex mutex_;
+    std::atomic<const void *> owner_;
+    int depth_;
+};
 
 // One cached unit of PLC memory (a bit, a word or a double word).
 struct _DATA_ {
@@ -88,12 +110,12 @@ public:
     // Beside the list: finds a unit's index without scanning dataAreas.
     DataAreaIndex dataIndex;
     // Serialises the runtime's threads over the cache, job lists and frame queue.
-    // Recursive: the callback may call back into the driver on the same thread.
-    // A standard mutex, so that thread checkers see what it orders.
-    std::recursive_mutex serviceLock;
+    ServiceMutex serviceLock;
     // For each recipe block, the items it covers (first item index, item count).
     // Filled beside rcpBlockStarts, so items cut over several blocks stay placed.
     QVector<QPair<int, int> > rcpBlockItems;
+    // The runtime has added condition reads whose end it has not been told yet.
+    int conditionBatchOpen;
 
     Protocol();
     ~Protocol();
@@ -120,6 +142,19 @@ public:
 private:
     ServiceLock(const ServiceLock &);
     ServiceLock &operator=(const ServiceLock &);
+};
+
+// Lets go of the driver's lock for a scope: around the runtime's callback and
+// its mutex. Whatever the driver looked at before may have changed after.
+class ServiceUnlocked {
+public:
+    ServiceUnlocked() : depth_(driver.serviceLock.releaseAll()) {}
+    ~ServiceUnlocked() { driver.serviceLock.reacquire(depth_); }
+
+private:
+    ServiceUnlocked(const ServiceUnlocked &);
+    ServiceUnlocked &operator=(const ServiceUnlocked &);
+    int depth_;
 };
 
 #endif

@@ -40,9 +40,9 @@ void lowerOrphanRecipeFlags(int &writeFlag, int &readFlag)
     }
 }
 
-// Chooses the next job and queues its frames (none when nothing is due or the
-// job's register has no frame).
-void chooseJob()
+// Takes the next job by priority and queues its frames (none when nothing is
+// due or no frame can be built for it).
+void takeNextJob()
 {
     int writeFlag = recipeFlag(KQ71_RECIPE_WRITE_FLAG, true);
     int readFlag = recipeFlag(KQ71_RECIPE_READ_FLAG, true);
@@ -81,6 +81,46 @@ void chooseJob()
     }
 }
 
+// The end of a condition-read batch, told once: -1 when a read of it was
+// given up, 0 when every read of it came back.
+void endConditionBatch(int failed)
+{
+    if (!driver.conditionBatchOpen)
+        return;
+    driver.conditionBatchOpen = 0;
+    reportValueChange(-1, -1, QString::fromLatin1("-1"), failed ? -1 : 0);
+}
+
+// A job the builders refuse (an unknown register, a request that cannot be
+// laid down) would wait at the head of its queue for ever: it is given up as
+// if its retries had run out. A cyclic read only rotates the plan.
+void giveUpUnbuildableJob()
+{
+    driver.lastJobFailed = driver.cycleState == CYCLE_CYCLIC ? 0 : 1;
+    if (driver.cycleState == CYCLE_WRITE) {
+        const VARIABLE job = driver.currentJob;
+        _write_FailOrSuc(job.station, job.regName, job.address, job.length, 0);
+    }
+    dealListWhenFinish();
+}
+
+void chooseJob()
+{
+    // A batch whose keys named no unit has nothing to wait for.
+    if (driver.conditionBatchOpen && driver.conditionReads.isEmpty())
+        endConditionBatch(0);
+    // Each pass either queues a frame, goes idle, or ends a job (a cyclic read
+    // rotates), so the number of jobs bounds it.
+    const qint64 passes = qint64(driver.writeJobs.size()) + driver.conditionReads.size() + driver.cyclicReads.size() +
+                          driver.rcpBlocks.size() + 2;
+    for (qint64 pass = 0; pass < passes && driver.frameQueue.isEmpty(); ++pass) {
+        takeNextJob();
+        if (!driver.frameQueue.isEmpty() || driver.cycleState == CYCLE_IDLE || driver.cycleState == CYCLE_HANDSHAKE)
+            return;
+        giveUpUnbuildableJob();
+    }
+}
+
 void endRecipeTransfer(int flagOffset)
 {
     bool ended = true;
@@ -92,13 +132,6 @@ void endRecipeTransfer(int flagOffset)
         driver.rcpIndex = 0;
         setRecipeFlagLocked(flagOffset, 0);
     }
-}
-
-bool isLastConditionAdded(const VARIABLE &job)
-{
-    const VARIABLE &last = driver.lastCondition;
-    return job.station == last.station && job.regName == last.regName && job.address == last.address &&
-           job.length == last.length;
 }
 
 } // namespace
@@ -113,15 +146,14 @@ void dealListWhenFinish()
         }
         break;
     case CYCLE_CONDITION:
-        if (!driver.conditionReads.isEmpty()) {
-            if (isLastConditionAdded(driver.conditionReads.first()))
-                reportValueChange(-1, -1, QString::fromLatin1("-1"), driver.lastJobFailed == 1 ? -1 : 0);
-            // The report may have re-entered the driver: look at the list again.
-            if (driver.lastJobFailed == 1)
-                driver.conditionReads.clear();
-            else if (!driver.conditionReads.isEmpty())
-                driver.conditionReads.removeFirst();
-        }
+        // A read given up drops the rest of its batch; the batch ends once its
+        // last read is done or dropped, whichever read it was.
+        if (driver.lastJobFailed == 1)
+            driver.conditionReads.clear();
+        else if (!driver.conditionReads.isEmpty())
+            driver.conditionReads.removeFirst();
+        if (driver.conditionReads.isEmpty())
+            endConditionBatch(driver.lastJobFailed == 1);
         break;
     case CYCLE_CYCLIC:
         if (driver.cyclicReads.size() >= 2)

@@ -61,26 +61,34 @@ bool currentRecipeItems(int &first, int &end)
     return true;
 }
 
+// The runtime's mutex is taken only with our lock let go: a runtime thread
+// that holds it may be waiting for us.
 int recipeFlag(int offset, bool locked)
 {
-    if (!driver.sharedMem)
+    unsigned char *const mem = driver.sharedMem;
+    QMutex *const mutex = driver.sharedMemMutex;
+    if (!mem)
         return 0;
-    if (locked && driver.sharedMemMutex) {
-        QMutexLocker guard(driver.sharedMemMutex);
-        return driver.sharedMem[offset];
+    if (locked && mutex) {
+        ServiceUnlocked unlocked;
+        QMutexLocker guard(mutex);
+        return mem[offset];
     }
-    return driver.sharedMem[offset];
+    return mem[offset];
 }
 
 void setRecipeFlagLocked(int offset, unsigned char value)
 {
-    if (!driver.sharedMem)
+    unsigned char *const mem = driver.sharedMem;
+    QMutex *const mutex = driver.sharedMemMutex;
+    if (!mem)
         return;
-    if (driver.sharedMemMutex) {
-        QMutexLocker guard(driver.sharedMemMutex);
-        driver.sharedMem[offset] = value;
+    if (mutex) {
+        ServiceUnlocked unlocked;
+        QMutexLocker guard(mutex);
+        mem[offset] = value;
     } else {
-        driver.sharedMem[offset] = value;
+        mem[offset] = value;
     }
 }
 

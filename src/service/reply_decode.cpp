@@ -35,6 +35,8 @@ void decodeBits(const ReplyBytes &reply, const UnitRange &r, int pos, const VARI
             unit.readValue[0] = bit;
             unit.writePending = 0;
             _bitDataChange(idx);
+            if (cacheClearedSince(area))
+                return;
         }
     }
 }
@@ -63,6 +65,8 @@ void decodeWords(const ReplyBytes &reply, const UnitRange &r, int pos, const VAR
             unit.readValue[1] = b1;
             clearPendingUnlessBitWrite(unit);
             _wordDataChange(&oldValue, &newValue, idx, 0);
+            if (cacheClearedSince(area))
+                return;
         }
     }
 }
@@ -86,6 +90,8 @@ void decodeDoubleWords(const ReplyBytes &reply, const UnitRange &r, int pos, con
                 unit.readValue[k] = b[k];
             clearPendingUnlessBitWrite(unit);
             _dwordDataChange(&oldValue, &newValue, idx, 0);
+            if (cacheClearedSince(area))
+                return;
         }
     }
 }

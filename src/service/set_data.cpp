@@ -8,6 +8,7 @@
 #include "data_area.h"
 #include "frames.h"
 #include "job_queue.h"
+#include "write_completion.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QMutexLocker>
@@ -17,11 +18,23 @@
 namespace {
 
 // A newer write to exactly the same range replaces a queued one; a full queue
-// keeps only the newest of the writes that do not fit.
+// keeps only the newest of the writes that do not fit, and the one it pushes
+// out is settled as failed at once, so that no unit goes on showing a value
+// the PLC will never get. M relays are written on each side of their boundary.
 void queueWriteJob(const VARIABLE &job)
 {
-    QMutexLocker guard(&driver.listMutex);
-    queueReplacingSameRange(driver.writeJobs, job);
+    VARIABLE parts[2];
+    const int n = splitAtRelayBoundary(job, parts);
+    for (int i = 0; i < n; ++i) {
+        VARIABLE evicted;
+        bool pushedOut;
+        {
+            QMutexLocker guard(&driver.listMutex);
+            pushedOut = queueReplacingSameRange(driver.writeJobs, parts[i], &evicted);
+        }
+        if (pushedOut)
+            _write_FailOrSuc(evicted.station, evicted.regName, evicted.address, evicted.length, 0);
+    }
 }
 
 // Units of one piece: no more than the piece limit, and no more than one
@@ -145,8 +158,8 @@ void write_saveDataToArea(int station, const QString &regName, int address, int 
                     _dwordDataChange(&oldValue, &newValue, idx, 0);
             }
         }
-        if (idx >= driver.dataAreas.size())
-            continue; // the report re-entered and cleared the cache
+        if (cacheClearedSince(area))
+            return; // the report re-initialised the driver
         _DATA_ &unit = driver.dataAreas[idx];
         memcpy(unit.writtenValue, stored, size_t(bytes));
         unit.writePending = 1;

@@ -28,5 +28,7 @@ void _write_FailOrSuc(int station, const QString &regName, int address, int leng
         } else {
             _dwordDataChange(0, 0, idx, 0);
         }
+        if (cacheClearedSince(area))
+            return;
     }
 }

@@ -464,17 +464,20 @@ TEST_F(OutOfContract, OversizedWriteIsCutIntoFramesThatFit)
     EXPECT_LE(f.sendLen, 9 + 2 * 16) << "a piece longer than the merge gap";
 }
 
-TEST_F(OutOfContract, ConditionReadOfNoUnitsIsRefused)
+TEST_F(OutOfContract, ConditionReadOfNoUnitsEndsItsBatchAtTheNextFrameRequest)
 {
-    // Nothing is queued, so no batch opens and none will end.
+    // Nothing is queued, yet the batch the runtime opened ends, once.
     for (int length : {0, -5, INT_MIN}) {
         KEY_ADDRESS k = key("D", 100, length);
-        EXPECT_EQ(api().intf_addConditionRead(&k, 9), 0) << length;
+        EXPECT_EQ(api().intf_addConditionRead(&k, 9), 1) << length;
     }
     KEY_ADDRESS half = key("200CC", 200, 1);  // one word of a double word
-    EXPECT_EQ(api().intf_addConditionRead(&half, 9), 0);
-    EXPECT_EQ(exchange(), -1);
+    EXPECT_EQ(api().intf_addConditionRead(&half, 9), 1);
     EXPECT_EQ(batchEnds(), 0);
+    EXPECT_EQ(exchange(), -1);
+    EXPECT_EQ(batchEnds(), 1);
+    EXPECT_EQ(exchange(), -1);
+    EXPECT_EQ(batchEnds(), 1); // counted since the start: no second end
 }
 
 TEST_F(OutOfContract, OversizedConditionReadIsBoundedAndEndsItsBatch)
@@ -592,20 +595,23 @@ TEST_F(OutOfContract, EditorInputsOutOfRangeGiveTheirCodes)
 
 // A job whose register has no frame is chosen again and again and sends
 // nothing: it holds the later jobs of its queue until intf_initProperty.
-TEST_F(OutOfContract, UnknownRegisterJobsSendNothing)
+// A job no frame can be built for is given up where it stands, and the next
+// one goes out in the same call: nothing waits behind it.
+TEST_F(OutOfContract, UnknownRegisterJobsAreGivenUpAndTheNextGoesOut)
 {
     unsigned char v[2] = {1, 2};
     EXPECT_EQ(setData("QQ", 1, 1, v), 1);
     EXPECT_EQ(setData("D", 1, 1, v), 1);
     FRAME_PRO f;
-    for (int i = 0; i < 30; ++i)
-        EXPECT_EQ(api().intf_getSendFrame(&f), 0);
+    ASSERT_EQ(api().intf_getSendFrame(&f), 1);
+    EXPECT_EQ(f.frame[1], 0x06);
+    EXPECT_EQ(QString(f.var.regName), QString("D"));
     init("1#0#0#3#16");
     KEY_ADDRESS k = key("QQ", 1, 1);
     EXPECT_EQ(api().intf_addConditionRead(&k, 9), 1);
-    for (int i = 0; i < 30; ++i)
-        EXPECT_EQ(api().intf_getSendFrame(&f), 0);
-    EXPECT_EQ(batchEnds(), 0);
+    EXPECT_EQ(api().intf_getSendFrame(&f), 0);
+    ASSERT_EQ(batchEnds(), 1);
+    EXPECT_EQ(std::get<3>(g_reports.back()), -1);
 }
 
 // No bytes to take for no units: the job of no units is still queued and

@@ -522,10 +522,10 @@ void Soak::onCondition(const Exchange &ex)
     const bool last = JobRange{ex.regName, ex.address, ex.length} == batch_.last;
     if (ex.result == 1 && last)
         batch_.expectEnd = 0;
-    else if (ex.result == 2 && last)
-        batch_.expectEnd = -1;
-    else if (ex.result == 2)
-        batch_.dropped = true;  // the rest of the batch goes, unannounced
+    else if (ex.result == 2) {
+        batch_.expectEnd = -1; // the rest of the batch goes, and the end says so
+        batch_.dropped = !last;
+    }
 }
 
 void Soak::afterStep(const Exchange &ex, JobKind kind, bool recipeBefore)
@@ -560,20 +560,15 @@ void Soak::afterStep(const Exchange &ex, JobKind kind, bool recipeBefore)
         break;
     }
 
-    // A batch ends with exactly one report, when its last piece has ended,
-    // unless an earlier piece was given up: then it is dropped without one.
+    // A batch ends with exactly one report, when its last piece has ended or
+    // when any piece was given up (the rest is dropped).
     if (batch_.open) {
         const int want = batch_.expectEnd;
         if (want != 1) {
             if (ends.size() != 1 || ends[0] != want)
                 fail(QString("batch %1: its last piece ended (%2) but the end reports were [%3]")
                          .arg(batch_.id).arg(want).arg(ends.size() ? QString::number(ends[0]) : QString()));
-            (want == 0 ? result_.batchesRead : result_.batchesFailed)++;
-            batch_.open = false;
-        } else if (batch_.dropped) {
-            if (!ends.isEmpty())
-                fail(QString("batch %1 dropped after a failed piece, yet reported %2").arg(batch_.id).arg(ends[0]));
-            ++result_.batchesDropped;
+            (batch_.dropped ? result_.batchesDropped : want == 0 ? result_.batchesRead : result_.batchesFailed)++;
             batch_.open = false;
         } else if (!ends.isEmpty()) {
             fail(QString("batch %1 reported its end %2 before its last piece").arg(batch_.id).arg(ends[0]));

@@ -101,7 +101,9 @@ TEST_F(Planning, ConditionReadIsQueuedInPiecesCountedInTheRegistersUnits)
         std::vector<Job> jobs;
     } cases[] = {
         {"1#0#0#3#64", key(1, "D", 10, 150), {Job{5, "D", 10, 64}, Job{5, "D", 74, 64}, Job{5, "D", 138, 22}}},
-        {"1#0#0#3#64", key(1, "M", 0, 600, BIT), {Job{5, "M", 0, 512 * 16}, Job{5, "M", 512, 88 * 16}}},
+        {"1#0#0#3#64", key(1, "S", 0, 600, BIT), {Job{5, "S", 0, 512 * 16}, Job{5, "S", 512, 88 * 16}}},
+        // M relays are read on each side of 8000, each from its own area
+        {"1#0#0#3#64", key(1, "M", 7990, 1, BIT), {Job{5, "M", 7990, 10}, Job{5, "M", 8000, 6}}},
         {"1#0#0#3#64", key(1, "200CC", 200, 3), {Job{5, "200CC", 200, 1}}},
         // bits inside words read the words holding them, piece after piece
         {"1#0#0#3#2", key(1, "D_bit", 35, 20, BIT), {Job{5, "D", 2, 2}, Job{5, "D", 3, 1}}},

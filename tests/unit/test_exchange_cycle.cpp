@@ -62,15 +62,16 @@ TEST_F(Cycle, EndOfConditionBatchIsReportedOnceAfterItsLastRead)
     }
 }
 
-TEST_F(Cycle, GivenUpConditionReadDropsItsBatch)
+TEST_F(Cycle, GivenUpConditionReadDropsItsBatchAndEndsItOnce)
 {
     configure("1#0#0#1#10");
     condition(200);
     condition(300);
     nextFrame();
     EXPECT_EQ(2, answerWith(READ_REFUSED));
-    EXPECT_TRUE(reports().empty()); // not the last one added
+    EXPECT_EQ((Reports{{-1, -1, "-1", -1}}), reports()); // not the last one added, yet the batch ends
     EXPECT_EQ(".", run(1));
+    EXPECT_TRUE(reports().empty());
     condition(400);
     nextFrame();
     EXPECT_EQ(2, answerWith(READ_REFUSED));

@@ -131,7 +131,7 @@ TEST(WriteFrame, LargestRequestsFitAndOneMoreIsRefused)
     EXPECT_EQ(frameFor(job("D", 0, 128), true).frame[6], 0); // the byte count wraps above 127 registers
 }
 
-TEST(ReplyCheck, RatesByLengthAndCrcOnly)
+TEST(ReplyCheck, RatesByLengthCrcAndWhatTheRequestAsked)
 {
     const FRAME_PRO d100x3 = frameFor(job("D", 100, 3), false), d100x1 = frameFor(job("D", 100, 1), false);
     const FRAME_PRO d100w1 = frameFor(job("D", 100, 1), true), d100w2 = frameFor(job("D", 100, 2), true);
@@ -151,12 +151,33 @@ TEST(ReplyCheck, RatesByLengthAndCrcOnly)
         {"CRC high byte wrong", "01 03 06 00 01 00 02 00 03 FD 75", d100x3, 0},
         {"data changed", "01 03 06 00 01 00 02 00 04 FD 74", d100x3, 0},
         {"exception reply", "01 83 02 C0 F1", d100x3, 0},
-        {"other station, good CRC", "02 03 02 12 34 F1 33", d100x1, 1}, // station and function are not compared
+        {"other station, good CRC", "02 03 02 12 34 F1 33", d100x1, 0},
     };
     for (const auto &r : rows) {
         const Bytes b = hexBytes(r.reply);
         EXPECT_EQ(rateReply(b.data(), int(b.size()), r.head), r.rating) << r.what;
     }
+    // Well-formed frames with a good CRC that still do not answer the request.
+    const FRAME_PRO m256x20 = frameFor(job("M", 256, 20), false);
+    const struct {
+        const char *what;
+        Bytes body;
+        const FRAME_PRO &head;
+    } foreign[] = {
+        {"another function", hexBytes("01 04 02 12 34"), d100x1},
+        {"byte count off", hexBytes("01 03 04 12 34"), d100x1},
+        {"ack of another write function", hexBytes("01 10 43 9C 00 01"), d100w1},
+        {"the request echoed", Bytes(m256x20.frame, m256x20.frame + 6), m256x20},
+    };
+    for (const auto &r : foreign) {
+        const Bytes b = withCrc(r.body);
+        EXPECT_EQ(rateReply(b.data(), int(b.size()), r.head), 0) << r.what;
+    }
+    // 128 double words carry 512 bytes, a byte count of 0.
+    Bytes big = hexBytes("01 03 00");
+    big.resize(3 + 512, 0x5A);
+    big = withCrc(big);
+    EXPECT_EQ(rateReply(big.data(), int(big.size()), frameFor(job("200CC", 200, 128), false)), 1);
     // Nothing to read: a null pointer proves the bytes are never touched.
     FRAME_PRO handshake;
     buildHandshakeFrame(handshake);
