@@ -79,4 +79,56 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
     }
 }
 
+// The runtime's own mutex held by its UI thread around value calls, taken
+// inside its callback, and guarding the recipe flags it raises: the two
+// threads must never wait on each other for ever.
+TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
+{
+    DebugCapture quiet(false);
+    // Recursive, as a runtime whose callback may run on the thread that holds it needs.
+    QMutex runtimeMutex(QMutex::Recursive);
+    int status = 0;
+    ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, "1#0#0#3#10", &runtimeMutex));
+    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
+    QVector<_RCP_VAR_PRO> items(1);
+    items[0].deviceId = 1;
+    items[0].station = 1;
+    items[0].regName = "D";
+    items[0].address = 100;
+    items[0].length = 4;
+    intf_setRcpAddress(&items);
+    std::atomic<int> inCallback(0);
+    Recorder::get().hook = [&](const Report &) {
+        QMutexLocker hold(&runtimeMutex);
+        ++inCallback;
+    };
+    std::atomic<bool> uiDone(false);
+    int exchanges = 0;
+    std::thread comm([&] {
+        while (!uiDone && exchanges < EXCHANGE_CAP) {
+            FRAME_PRO f;
+            if (intf_getSendFrame(&f) == 1)
+                answerWith(plc.answer(f));
+            ++exchanges;
+        }
+    });
+    QString d("D"), m("M");
+    for (int i = 0; i < UI_ROUNDS / 3; ++i) {
+        QMutexLocker hold(&runtimeMutex);
+        unsigned char v[2] = {static_cast<unsigned char>(i), 0}, buf[2 * WORDS];
+        intf_setData(1, &d, i % WORDS, 1, v, i);
+        intf_getData(1, &d, 0, WORDS, buf);
+        unsigned char bit = i & 1;
+        intf_setData(1, &m, i % BITS, 1, &bit, i);
+        if (i % 50 == 0)
+            shared_[KQ71_RECIPE_WRITE_FLAG + (i / 50) % 2] = 1;
+    }
+    uiDone = true;
+    comm.join();
+    Recorder::get().hook = nullptr;
+    intf_initProperty(shared_, nullptr, recipe_, &status, "1#0#0#3#10", nullptr); // the mutex goes out of scope
+    EXPECT_GT(inCallback.load(), 0);
+    EXPECT_GT(exchanges, 0);
+}
+
 } // namespace
