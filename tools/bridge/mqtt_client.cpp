@@ -107,7 +107,7 @@ void MqttClient::stop()
 }
 
 int MqttClient::publish(const QString &topic, const QByteArray &payload, int qos, bool retain,
-                        const QByteArray &correlation)
+                        const QByteArray &correlation, const QString &responseTopic)
 {
     if (!mosq_ || !connected())
         return MOSQ_ERR_NO_CONN;
@@ -116,6 +116,8 @@ int MqttClient::publish(const QString &topic, const QByteArray &payload, int qos
     if (!correlation.isEmpty() && settings_.mqtt5)
         mosquitto_property_add_binary(&props, MQTT_PROP_CORRELATION_DATA, correlation.constData(),
                                       uint16_t(qMin(correlation.size(), 65535)));
+    if (!responseTopic.isEmpty() && settings_.mqtt5)
+        mosquitto_property_add_string(&props, MQTT_PROP_RESPONSE_TOPIC, responseTopic.toUtf8().constData());
     const int rc = settings_.mqtt5
                        ? mosquitto_publish_v5(mosq_, nullptr, t.constData(), payload.size(), payload.constData(), qos,
                                               retain, props)

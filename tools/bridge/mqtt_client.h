@@ -69,8 +69,9 @@ public:
 
     // Safe from any thread. Returns 0 or libmosquitto's error (not connected,
     // packet too large, ...); a message not accepted is not queued.
+    // With MQTT 5, correlation data and a response topic go along when given.
     int publish(const QString &topic, const QByteArray &payload, int qos, bool retain,
-                const QByteArray &correlation = QByteArray());
+                const QByteArray &correlation = QByteArray(), const QString &responseTopic = QString());
     int subscribe(const QString &pattern, int qos);
 
     // Waits up to timeoutMs for an event; returns those queued so far.
