@@ -75,7 +75,7 @@ bool TestBroker::start(QString *error)
     QString conf = QString("listener %1 127.0.0.1\n").arg(port_);
     // Run as whoever runs the test: as root, mosquitto would switch to its
     // own user, who cannot read the test's files.
-    conf += "user root\n";
+    conf += "user root\nset_tcp_nodelay true\n";
     conf += config_.password ? QString("allow_anonymous false\npassword_file %1/passwd\n").arg(d)
                              : QString("allow_anonymous true\n");
     if (config_.tls)

@@ -77,7 +77,8 @@ bool Bridge::start(QString *error)
         key.length = t.driverLength();
         keys << key;
     }
-    if (runtime_.watch(keys) <= 0) {
+    stats_.plannedReads = runtime_.watch(keys);
+    if (stats_.plannedReads <= 0) {
         *error = "the driver planned no reads for the tags";
         return false;
     }
@@ -301,6 +302,7 @@ void Bridge::handle(const Exchange &ex)
     }
     if (ex.jobId != CYCLIC_JOB_ID)
         return;
+    ++stats_.cyclicReads;
     const qint64 now = nowMs();
     // The job's units: values of a 32-bit register, words or bits otherwise.
     for (int a = ex.address; a < ex.address + qMax(ex.length, 1); ++a) {

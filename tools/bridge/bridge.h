@@ -53,6 +53,8 @@ struct BridgeStats {
     quint64 setsAnswered = 0;
     quint64 resultsDropped = 0;  // answers that found the outbox full
     quint64 connects = 0;
+    int plannedReads = 0;      // read jobs of one poll cycle
+    quint64 cyclicReads = 0;   // read jobs done so far
 };
 
 class Bridge {

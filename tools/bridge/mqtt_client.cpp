@@ -48,6 +48,8 @@ bool MqttClient::start(QString *error)
         return false;
     }
     mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, settings_.mqtt5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311);
+    // Small messages go out at once, not held back for the previous one's ACK.
+    mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_connect_v5_callback_set(mosq_, &MqttClient::onConnect);
     mosquitto_disconnect_v5_callback_set(mosq_, &MqttClient::onDisconnect);
     mosquitto_message_v5_callback_set(mosq_, &MqttClient::onMessage);
