@@ -104,10 +104,10 @@ void Bridge::step()
             break;
         case MqttEvent::Disconnected:
             if (connected_ || stats_.connects == 0)
-                log(QString("broker %1:%2 not reachable (%3); trying again")
+                log(QString("broker %1:%2: %3; trying again")
                         .arg(mqtt_.settings().host)
                         .arg(mqtt_.settings().port)
-                        .arg(MqttClient::errorText(e.code)));
+                        .arg(mqtt_.describe(e)));
             connected_ = false;
             break;
         case MqttEvent::Message:

@@ -18,7 +18,8 @@ const char BRIDGE_USAGE[] =
     "  --value-qos 0|1           QoS of the value messages (0)\n"
     "  --republish S             publish unchanged values again after S seconds (300)\n"
     "  --offline-after N         given-up jobs in a row that make a station offline (3)\n"
-    "  --write-queue N           sets waiting for the line; more are answered \"busy\" (64)\n";
+    "  --write-queue N           sets waiting for the line; more are answered \"busy\" (64)\n"
+    "  --seconds S               end the bridge after S seconds (default: at SIGINT or SIGTERM)\n";
 
 BridgeCommandLine::BridgeCommandLine()
     : mqtt_("mqtt", "", "HOST:PORT"), root_("root", "", "ROOT"), tags_("tags", "", "FILE"),

@@ -39,6 +39,13 @@ QString MqttClient::errorText(int rc)
     return QString::fromUtf8(mosquitto_strerror(rc));
 }
 
+QString MqttClient::describe(const MqttEvent &e) const
+{
+    if (!e.refused)
+        return errorText(e.code);
+    return QString::fromUtf8(settings_.mqtt5 ? mosquitto_reason_string(e.code) : mosquitto_connack_string(e.code));
+}
+
 bool MqttClient::start(QString *error)
 {
     const QByteArray id = settings_.clientId.toUtf8();
@@ -182,6 +189,8 @@ void MqttClient::onConnect(mosquitto *, void *self, int rc, int, const mosquitto
     MqttEvent e;
     e.kind = rc == 0 ? MqttEvent::Connected : MqttEvent::Disconnected;
     e.code = rc;
+    e.refused = rc != 0;
+    c->refused_ = e.refused;
     uint32_t max = 0;
     e.maxPacketBytes = mosquitto_property_read_int32(props, MQTT_PROP_MAXIMUM_PACKET_SIZE, &max, false) && max > 0
                            ? qMin<quint32>(max, c->settings_.maxPacketBytes)
@@ -191,10 +200,15 @@ void MqttClient::onConnect(mosquitto *, void *self, int rc, int, const mosquitto
 
 void MqttClient::onDisconnect(mosquitto *, void *self, int rc, const mosquitto_property *)
 {
+    auto *c = static_cast<MqttClient *>(self);
+    if (c->refused_) {
+        c->refused_ = false;
+        return;
+    }
     MqttEvent e;
     e.kind = MqttEvent::Disconnected;
     e.code = rc;
-    static_cast<MqttClient *>(self)->push(std::move(e));
+    c->push(std::move(e));
 }
 
 void MqttClient::onMessage(mosquitto *, void *self, const mosquitto_message *msg, const mosquitto_property *props)

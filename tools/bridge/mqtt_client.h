@@ -48,7 +48,8 @@ struct MqttMessage {
 
 struct MqttEvent {
     enum Kind { Connected, Disconnected, Message } kind = Message;
-    int code = 0;               // CONNACK reason or disconnect reason
+    int code = 0;               // libmosquitto's error, or the broker's refusal
+    bool refused = false;       // Disconnected: the broker answered CONNECT with a refusal
     quint32 maxPacketBytes = 0; // Connected: the broker's limit, or the setting
     MqttMessage message;
 };
@@ -82,6 +83,8 @@ public:
     const MqttSettings &settings() const { return settings_; }
 
     static QString errorText(int rc);
+    // What a Disconnected event means, in words.
+    QString describe(const MqttEvent &event) const;
 
 private:
     static void onConnect(mosquitto *, void *self, int rc, int flags, const ::mqtt5__property *props);
@@ -98,6 +101,7 @@ private:
     QVector<MqttEvent> events_;
     bool connected_ = false;
     quint64 dropped_ = 0;
+    bool refused_ = false;  // network thread only: the disconnect after a refusal says nothing new
 };
 
 } // namespace kq71bridge
