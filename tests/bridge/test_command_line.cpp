@@ -56,6 +56,7 @@ TEST(BridgeCommand, RefusesABadTagFileNamingTheEntry)
     EXPECT_EQ(run(KQ71_CLI_FILE, {"bridge", "--mqtt-password", "x"}, 20000).code, 64);
 }
 
+// MQTT 3.1.1 here; the other tests speak 5.
 TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClients)
 {
     BrokerConfig config;
@@ -71,7 +72,7 @@ TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClients)
     QProcess bridge;
     bridge.setProcessEnvironment(env);
     bridge.start(KQ71_CLI_FILE, {"bridge", "--mqtt", QString("127.0.0.1:%1").arg(broker.port()), "--root", "cli/t",
-                                 "--tags", tags, "--mqtt-user", "plc", "--seconds", "8"});
+                                 "--tags", tags, "--mqtt-user", "plc", "--seconds", "8", "--mqtt-v311"});
     ASSERT_TRUE(bridge.waitForStarted(10000));
 
     const QStringList login{"-h", "127.0.0.1", "-p", QString::number(broker.port()), "-u", "plc", "-P", "secret"};
