@@ -27,9 +27,9 @@ import plot_scaling  # noqa: E402
 
 FULL = ["--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true", "--benchmark_min_time=0.1"]
 QUICK = ["--benchmark_repetitions=1", "--benchmark_min_time=0.000001"]
-PROGRAMS = (("kq71_bench", "driver"), ("kq71_line_bench", "line"))
+PROGRAMS = (("kq71_bench", "driver"), ("kq71_line_bench", "line"), ("kq71_bridge_bench", "bridge"))
 SHOWN_COUNTERS = ("cache", "reports", "blocks", "keys", "queued", "bytes_per_unit", "frames", "wire_us",
-                  "link_cpu_us", "bad_replies")
+                  "link_cpu_us", "bad_replies", "cycle_ms", "median_ms", "p99_ms", "cpu_us_per_value")
 
 
 def run(program, json_path, flags, log_path):

@@ -16,6 +16,7 @@ int cmdRead(Session &s);
 int cmdWrite(Session &s);
 int cmdWatch(Session &s);
 int cmdRecipe(Session &s);
+int cmdBridge(Session &s);
 
 } // namespace kq71cli
 

@@ -40,7 +40,8 @@ int main(int argc, char **argv)
     };
     const Command commands[] = {{"registers", cmdRegisters, false}, {"check", cmdCheck, false},
                                 {"read", cmdRead, true},            {"write", cmdWrite, true},
-                                {"watch", cmdWatch, true},          {"recipe", cmdRecipe, true}};
+                                {"watch", cmdWatch, true},          {"recipe", cmdRecipe, true},
+                                {"bridge", cmdBridge, true}};
     const Command *command = nullptr;
     for (const Command &c : commands)
         if (options.command == QLatin1String(c.name))

@@ -21,6 +21,7 @@ const char USAGE[] =
     "  recipe read FILE          read the recipe's items from the PLC and write the CSV back\n"
     "  registers                 list the registers the driver knows\n"
     "  check ADDR...             check addresses as the panel editor does\n"
+    "  bridge --mqtt HOST:PORT --root ROOT --tags FILE   publish tags on an MQTT broker, take writes\n"
     "\n"
     "Addresses are typed as in the panel editor: D100:10 (ten words), X20:8 (octal X/Y),\n"
     "200CC200:2 (two 32-bit values), M8000.\n"
@@ -91,6 +92,8 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
                   parity, stop, tcp, driver, station, retries, gap, timeout, deviceId, json, count, seconds, output,
                   forWrite, debug});
     p.addPositionalArgument("command", "");
+    const kq71bridge::BridgeCommandLine bridge;
+    bridge.add(p);
 
     auto fail = [&](const QString &why) {
         std::fprintf(stderr, "kq71: %s\n(kq71 --help lists the commands and options)\n", qPrintable(why));
@@ -101,6 +104,7 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
         return fail(p.errorText());
     if (p.isSet(help)) {
         std::fputs(USAGE, stdout);
+        std::fputs(kq71bridge::BRIDGE_USAGE, stdout);
         *exitCode = EXIT_OK;
         return false;
     }
@@ -135,6 +139,9 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
         if (!ok)
             return fail("--sim-seed needs a whole number");
     }
+    QString why;
+    if (!bridge.read(p, &o->bridge, &why))
+        return fail(why);
     if (p.isSet(seconds)) {
         bool ok = false;
         o->seconds = p.value(seconds).toDouble(&ok);

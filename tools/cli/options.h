@@ -2,6 +2,8 @@
 #ifndef KQ71_CLI_OPTIONS_H
 #define KQ71_CLI_OPTIONS_H
 
+#include "bridge_options.h"
+
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
@@ -53,6 +55,8 @@ struct Options {
     QString output;
     // check
     bool forWrite = false;
+    // bridge
+    kq71bridge::BridgeSettings bridge;
 
     bool useSim() const { return port.isEmpty() && tcp.isEmpty(); }
 };
