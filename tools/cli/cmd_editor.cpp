@@ -68,7 +68,7 @@ int cmdRegisters(Session &s)
 int cmdCheck(Session &s)
 {
     if (s.options.args.isEmpty()) {
-        printError(false, "check: name at least one address, e.g. kq71 check D100:10");
+        printError(s.options.json, "check: name at least one address, e.g. kq71 check D100:10");
         return EXIT_USAGE;
     }
     int status = EXIT_OK;
@@ -92,15 +92,16 @@ int cmdCheck(Session &s)
             if (ok) {
                 o["reg"] = target.regName;
                 o["address"] = target.address;
+                o["addressText"] = target.addrText;
                 o["count"] = target.count;
             } else {
                 o["message"] = error;
             }
             printJson(o);
         } else if (ok) {
-            printLine(QString("%1: valid, %2 address %3, %4")
-                          .arg(target.text, target.regName)
-                          .arg(target.address)
+            printLine(QString("%1: valid, %2 address %3 (%4), %5")
+                          .arg(target.text, target.regName, target.addrText,
+                               addressRadix(target.regName) == 8 ? "octal" : "decimal")
                           .arg(unitsText(target)));
         } else {
             printError(false, error);
