@@ -167,8 +167,11 @@ private:
         default: {
             const qint64 last = status_.lastGoodMs(s_.options.station, r.one.regName, r.one.address);
             if (last < 0)
-                return "STALE: never read, no reply";
-            return QString("STALE: read %1 s ago").arg((nowMs() - last) / 1000.0, 0, 'f', 1);
+                return "STALE: no reply, never read";
+            const QString age = QString::number((nowMs() - last) / 1000.0, 'f', 1);
+            if (status_.lastReadFailed(s_.options.station, r.one.regName, r.one.address))
+                return QString("STALE: no reply, value of %1 s ago").arg(age);
+            return QString("STALE: %1 s old").arg(age);
         }
         }
     }

@@ -74,6 +74,12 @@ qint64 ValueStatus::lastGoodMs(int station, const QString &reg, int address) con
     return it == units_.constEnd() ? -1 : it->lastGoodMs;
 }
 
+bool ValueStatus::lastReadFailed(int station, const QString &reg, int address) const
+{
+    const auto it = units_.constFind(UnitKey{station, reg, address});
+    return it != units_.constEnd() && it->lastFailed;
+}
+
 StationState ValueStatus::state(int station) const
 {
     return stations_.value(station).state;

@@ -45,6 +45,8 @@ public:
     Quality quality(int station, const QString &reg, int address, qint64 nowMs) const;
     // When the unit was last read well; -1 when never.
     qint64 lastGoodMs(int station, const QString &reg, int address) const;
+    // Whether the unit's last read was given up.
+    bool lastReadFailed(int station, const QString &reg, int address) const;
 
     StationState state(int station) const;
     int givenUpInRow(int station) const;
