@@ -172,10 +172,14 @@ TEST(Watch, AValueWhoseReadsStopAnsweringTurnsStaleAndTheStationComesBack)
 
 TEST(Watch, APseudoTerminalClosedAtTheOtherEndIsReportedAsTheLinkClosing)
 {
-    std::unique_ptr<SimProcess> sim(new SimProcess({"--pty", "--quiet"}));
+    // Through the simulator's link: pseudo-terminal numbers are reused at
+    // once, and a reconnection must not reach another test's terminal.
+    QTemporaryDir dir;
+    const QString path = dir.filePath("ttyKQ71");
+    std::unique_ptr<SimProcess> sim(new SimProcess({"--link", path, "--quiet"}));
     ASSERT_TRUE(sim->first.startsWith("PTY /dev/")) << sim->first.toStdString();
     QProcess kq71;
-    startKq71(kq71, {"watch", "D0", "--port", sim->first.mid(4), "--interval", "100ms", "--seconds", "3", "--json"});
+    startKq71(kq71, {"watch", "D0", "--port", path, "--interval", "100ms", "--seconds", "3", "--json"});
     QByteArray seen;
     ASSERT_TRUE(waitForOutput(kq71, &seen, "\"type\":\"value\"")) << seen.toStdString();
     sim.reset();
@@ -185,7 +189,7 @@ TEST(Watch, APseudoTerminalClosedAtTheOtherEndIsReportedAsTheLinkClosing)
     for (const QJsonObject &o : r.objects())
         if (o["type"] == "link" && o["state"] == "down") {
             ++down;
-            EXPECT_TRUE(o["message"].toString().startsWith("link closed: /dev/")) << r.out.toStdString();
+            EXPECT_TRUE(o["message"].toString().startsWith("link closed: " + path)) << r.out.toStdString();
         }
     EXPECT_EQ(down, 1) << r.out.toStdString();
     EXPECT_FALSE(r.out.contains("write timed out")) << r.out.toStdString();

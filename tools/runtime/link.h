@@ -92,7 +92,13 @@ protected:
     // vanished): exchanges get nothing until reconnect() succeeds.
     void lost(const QString &why);
 
-    void startClock() { opened_.start(); lastActivity_.start(); }
+    // The clock runs from the first opening: a reconnection does not reset it.
+    void startClock()
+    {
+        if (!opened_.isValid())
+            opened_.start();
+        lastActivity_.start();
+    }
 
     int baud_;
     QElapsedTimer opened_;
