@@ -83,7 +83,11 @@ public:
             refresh(rows_[i]);
             rows_[i].changedMs = nowMs();
             dirty_ = true;
-            if (shown_ && !tty_)
+            if (!shown_)
+                continue;
+            // The line shows the quality too: no second line for it.
+            rows_[i].shownQuality = quality(rows_[i]);
+            if (!tty_)
                 printRow(rows_[i], "change");
         }
     }
@@ -151,7 +155,7 @@ private:
     static QString key(const QString &reg, int address) { return reg + '/' + QString::number(address); }
 
     // Wall time of the link's clock: the simulator's virtual time runs ahead.
-    QDateTime now() const { return wallStart_.addMSecs((s_.link->clockUs() - clockStartUs_) / 1000); }
+    QDateTime now() const { return wallAt(nowMs()); }
     QDateTime wallAt(qint64 clockMs) const { return wallStart_.addMSecs(clockMs - clockStartUs_ / 1000); }
 
     Quality quality(const Row &r) const { return status_.quality(s_.options.station, r.one.regName, r.one.address, nowMs()); }
