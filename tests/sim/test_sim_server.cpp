@@ -103,4 +103,42 @@ TEST(SimulatorServer, EndsByItselfAfterItsDuration)
     EXPECT_NE(out.find("stats: requests=0"), std::string::npos) << out;
 }
 
+// Wrong options exit 64 naming the option; a refusal of the system names
+// the option and the system's reason; --help describes every option.
+TEST(SimulatorServer, OptionsAreDescribedAndTheirErrorsNamed)
+{
+    struct Case {
+        QStringList args;
+        int status;
+        const char *text;
+    };
+    const Case cases[] = {
+        {{"--tcp", "99999"}, 64, "--tcp takes a port from 0 to 65535, not \"99999\""},
+        {{"--bind", "300.1.1.1"}, 64, "--bind takes an IPv4 address such as 127.0.0.1, not \"300.1.1.1\""},
+        {{"--station", "0"}, 64, "--station needs a number from 1 to 255, not \"0\""},
+        {{"--drop", "2"}, 64, "--drop needs a number from 0 to 1"},
+        {{"--frobnicate"}, 64, "unknown option --frobnicate"},
+        // 192.0.2.1 is a documentation address: never one of this machine's.
+        {{"--tcp", "0", "--bind", "192.0.2.1"}, 1, "--tcp 0 --bind 192.0.2.1: cannot listen: Cannot assign requested address"},
+    };
+    for (const Case &c : cases) {
+        QProcess p;
+        p.start(KQ71_SIM_EXE, c.args);
+        ASSERT_TRUE(p.waitForFinished(5000)) << c.args.join(' ').toStdString();
+        EXPECT_EQ(p.exitCode(), c.status) << c.args.join(' ').toStdString();
+        const std::string err = p.readAllStandardError().toStdString();
+        EXPECT_NE(err.find(c.text), std::string::npos) << err;
+    }
+    QProcess help;
+    help.start(KQ71_SIM_EXE, {"--help"});
+    ASSERT_TRUE(help.waitForFinished(5000));
+    EXPECT_EQ(help.exitCode(), 0);
+    const std::string text = help.readAllStandardOutput().toStdString();
+    for (const char *option : {"--pty", "--link PATH", "--tcp [PORT]", "--bind ADDR", "--station N", "--strict",
+                               "--move", "--baud N", "--duration SEC", "--quiet", "--drop P", "--cut P",
+                               "--bad-crc P", "--wrong-station P", "--wrong-function P", "--exception P",
+                               "--noise P", "--echo P", "--delay P", "--delay-ms MS", "--seed N"})
+        EXPECT_NE(text.find(option), std::string::npos) << option;
+}
+
 } // namespace

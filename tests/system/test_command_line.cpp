@@ -1,26 +1,14 @@
 // The kq71 program as a script would use it: exit status and output.
+#include "cli_process.h"
 #include "system_support.h"
 
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
-#include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-namespace {
+using namespace kq71test;
 
-struct Outcome {
-    int status = -1;
-    QString out, err;
-    QList<QJsonObject> objects() const
-    {
-        QList<QJsonObject> list;
-        for (const QString &line : out.split('\n', Qt::SkipEmptyParts))
-            list << QJsonDocument::fromJson(line.toUtf8()).object();
-        return list;
-    }
-};
+namespace {
 
 class CommandLine : public ::testing::Test {
 protected:
@@ -29,21 +17,7 @@ protected:
     {
         if (sim)
             args << "--sim-fast" << "--sim-state" << dir_.filePath("plc.state");
-        QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("KQ71_DRIVER", KQ71_DRIVER_FILE);
-        p.setProcessEnvironment(env);
-        p.start(KQ71_CLI_FILE, args);
-        Outcome r;
-        if (!p.waitForFinished(20000)) {
-            p.kill();
-            p.waitForFinished();
-        } else if (p.exitStatus() == QProcess::NormalExit) {
-            r.status = p.exitCode();
-        }
-        r.out = QString::fromLocal8Bit(p.readAllStandardOutput());
-        r.err = QString::fromLocal8Bit(p.readAllStandardError());
-        return r;
+        return runKq71(args);
     }
     QTemporaryDir dir_;
 };
@@ -71,7 +45,7 @@ TEST_F(CommandLine, WriteThenReadRoundTripsThroughOneSimulatedPlc)
 TEST_F(CommandLine, BadAddressesAreRefusedWithTheReasonBeforeAnythingIsSent)
 {
     const Outcome r = kq71({"write", "D9999:2=1", "W5=1", "200CC256=1"});
-    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.status, 64);
     expectIn(r.err, {"D9999:2: address out of range", "W5: unknown register \"W\"", "200CC256: address out of range"});
     const Outcome octal = kq71({"check", "X8"}, false);
     EXPECT_EQ(octal.status, 1);
@@ -119,6 +93,90 @@ TEST_F(CommandLine, RecipeWrittenFromCsvReadsBackIntoTheCsv)
     const Outcome r = kq71({"recipe", "read", csv, "-o", "-"});
     ASSERT_EQ(r.status, 0) << r.err.toStdString();
     expectIn(r.out, {"D,100,3,0,11,65534,51", "V,7,1,3,9", "256CC,300,2,4,123456"});
+
+    // Without -o the values go to stdout and the recipe file stays as it was;
+    // with --json, stdout holds JSON lines only.
+    const Outcome plain = kq71({"recipe", "read", csv});
+    ASSERT_EQ(plain.status, 0) << plain.err.toStdString();
+    expectIn(plain.out, {"D,100,3,0,11,65534,51"});
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_EQ(f.readAll().toStdString(), "# reg,address,length,bufOffset,values\nD,100,3,,11,-2,0x33\n256CC,300,2,,123456\nV,7,1,,9\n");
+    f.close();
+    const Outcome json = kq71({"recipe", "read", csv, "-o", "-", "--json"});
+    ASSERT_EQ(json.status, 0) << json.err.toStdString();
+    ASSERT_EQ(json.objects().size(), 3) << json.out.toStdString();
+    for (const QJsonObject &o : json.objects())
+        EXPECT_EQ(o["type"].toString(), "recipe") << json.out.toStdString();
+}
+
+// Exit status and message of each kind of mistake, and the help a person asks for.
+TEST_F(CommandLine, EveryUsageErrorExits64NamingWhatIsWrong)
+{
+    struct Case {
+        QStringList args;
+        int status;
+        const char *text;  // in stderr, or in stdout for status 0
+    };
+    const Case cases[] = {
+        {{"frobnicate"}, 64, "unknown command \"frobnicate\""},
+        {{"read", "D1", "--bogus"}, 64, "Unknown option 'bogus'"},
+        {{"watch", "D1", "--interval", "soon"}, 64, "--interval needs a duration"},
+        {{"read", "D1", "--retries", "0"}, 64, "--retries needs a whole number from 1 to 100"},
+        {{"read", "Q5"}, 64, "Q5: unknown register \"Q\""},
+        {{"read", "X8"}, 64, "X8: \"8\" is not an octal number"},
+        {{"watch", "D9999:2"}, 64, "address out of range"},
+        {{"write", "D100=70000"}, 64, "\"70000\" is not a 16-bit value"},
+        {{"read", "D1", "--port", "/dev/null", "--parity", "MARK"}, 64, "--parity takes NONE, EVEN or ODD"},
+        {{"read", "D1", "--tcp", "127.0.0.1:99999"}, 64, "the port must be a number from 1 to 65535"},
+        {{"help", "frobnicate"}, 64, "help: no command \"frobnicate\""},
+        {{"read", "D1", "--driver", "/nonexistent/lib.so"}, 3, "cannot load driver"},
+        {{"--version"}, 0, "kq71 2.0.0.0\ndriver vorn_kq71_ap 2.0.0.0"},
+        {{"help", "watch"}, 0, "--interval DURATION"},
+        {{"recipe", "--help"}, 0, "recipe read FILE [-o OUT]"},
+        {{"help"}, 0, "64 a wrong command line"},
+    };
+    for (const Case &c : cases) {
+        const Outcome r = kq71(c.args, false);
+        EXPECT_EQ(r.status, c.status) << c.args.join(' ').toStdString() << "\n" << r.err.toStdString();
+        expectIn(c.status == 0 ? r.out : r.err, {c.text});
+    }
+    // A command's own page: its options and examples, and the ones it shares.
+    const Outcome page = kq71({"watch", "--help"}, false);
+    EXPECT_EQ(page.out, kq71({"help", "watch"}, false).out);
+    EXPECT_FALSE(page.out.contains("recipe write FILE")) << page.out.toStdString();
+}
+
+TEST_F(CommandLine, CheckAndRegistersEchoOctalAndNameSharedMemory)
+{
+    const Outcome check = kq71({"check", "X20:8", "TC900", "D100:2"}, false);
+    ASSERT_EQ(check.status, 0) << check.err.toStdString();
+    expectIn(check.out, {"X20:8: valid, X address 20 (octal), 8 bits", "shares PLC memory: TC900 = D76",
+                         "shares PLC memory: D100..D101 = TC924..TC925"});
+    const Outcome regs = kq71({"registers"}, false);
+    ASSERT_EQ(regs.status, 0) << regs.err.toStdString();
+    expectIn(regs.out, {"D0..D9175 = TC824..TC9999", "D8512..D9998 (every 2nd) = Z0..Z743",
+                        "S0..S1791 = M1536..M3327"});
+}
+
+TEST_F(CommandLine, BitReadsAskForTheBitsNamed)
+{
+    // 200 bits fit one standard request each way; asked for as words they would be 3200.
+    const Outcome w = kq71({"write", "M0:200=1", "--sim-strict"});
+    ASSERT_EQ(w.status, 0) << w.err.toStdString();
+    const Outcome r = kq71({"read", "M0:200", "M199:3", "D0", "--sim-strict", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err.toStdString();
+    const QList<QJsonObject> values = r.objects();
+    ASSERT_EQ(values.size(), 204) << r.out.toStdString();
+    EXPECT_EQ(values[199]["name"].toString(), "M199");
+    EXPECT_EQ(values[199]["value"].toInt(), 1);
+    EXPECT_EQ(values[201]["value"].toInt(), 0);  // M200, past what was written
+}
+
+TEST_F(CommandLine, StateThatCannotBeSavedFailsTheRun)
+{
+    const Outcome r = runKq71({"read", "D0", "--sim-fast", "--sim-state", dir_.filePath("missing/dir/plc.state")});
+    EXPECT_EQ(r.status, 1);
+    expectIn(r.err, {"cannot write"});
 }
 
 } // namespace

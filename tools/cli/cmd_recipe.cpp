@@ -1,5 +1,6 @@
 // recipe write|read FILE: a recipe transfer through the runtime's recipe
 // buffer and flag bytes. CSV lines: reg,address,length,bufOffset,value...
+// `read` prints the CSV with the values read (or writes it to -o FILE).
 // (length in 16-bit words, two per 32-bit value; bufOffset in words, empty
 // for the next free place; one value per word, or per 32-bit value).
 #include "commands.h"
@@ -163,7 +164,7 @@ int cmdRecipe(Session &s)
 {
     const QStringList &a = s.options.args;
     if (a.size() != 2 || (a[0] != "read" && a[0] != "write")) {
-        printError(false, "recipe: use kq71 recipe read FILE or kq71 recipe write FILE");
+        printError(s.options.json, "recipe: use kq71 recipe read FILE [-o OUT] or kq71 recipe write FILE");
         return EXIT_USAGE;
     }
     const bool writing = a[0] == "write";
@@ -210,11 +211,16 @@ int cmdRecipe(Session &s)
     const RecipeDirection dir = writing ? RecipeDirection::Write : RecipeDirection::Read;
     QString failure;
     rt.startRecipe(dir);
+    Progress progress(s.options.json, QString("recipe %1, requests").arg(a[0]), 0);
+    int requests = 0;
     const bool ended = s.run([&] { return !rt.recipeRunning(dir); }, s.worstCaseMs(4 * items.size() + 4),
                              [&](const Exchange &ex) {
+                                 if (ex.result == 1 || ex.result == 2)
+                                     progress.update(++requests);
                                  if (ex.result == 2 && failure.isEmpty())
                                      failure = ex.describe();
                              });
+    progress.finish();
     if (!ended && failure.isEmpty())
         failure = interrupted() ? "interrupted" : "the transfer did not end in time";
     const int words = rt.takeRecipeWords().size();
@@ -250,10 +256,13 @@ int cmdRecipe(Session &s)
                                   {"length", i.words}, {"bufOffset", i.bufOffset}, {"values", values}});
         }
     }
-    const QString out = s.options.output.isEmpty() ? a[1] : s.options.output;
+    // The recipe file is only read: the values go where -o says, to stdout
+    // by default, and with --json only as the JSON lines above.
+    const QString out = s.options.output.isEmpty() ? QString("-") : s.options.output;
     if (out == "-") {
-        for (const QString &l : csv)
-            printLine(l);
+        if (!s.options.json)
+            for (const QString &l : csv)
+                printLine(l);
     } else {
         QSaveFile f(out);
         if (!f.open(QIODevice::WriteOnly | QIODevice::Text) || f.write((csv.join('\n') + '\n').toUtf8()) < 0 ||

@@ -77,48 +77,67 @@ bool overlaps(const Exchange &ex, int station, const TypedAddress &target)
 int cmdRead(Session &s)
 {
     if (s.options.args.isEmpty()) {
-        printError(false, "read: name at least one address, e.g. kq71 read D100:4");
+        printError(s.options.json, "read: name at least one address, e.g. kq71 read D100:4");
         return EXIT_USAGE;
     }
     QVector<TypedAddress> targets;
     if (!s.resolve(s.options.args, ACCESS_READ, &targets))
-        return EXIT_FAILED;
+        return EXIT_USAGE;
     Runtime &rt = *s.runtime;
+    // Condition reads count bit keys in 16-bit words (a key of length n asks
+    // for 16 n bits), so they cannot ask for 20 bits. Bits are read through a
+    // plan of their own instead, whose keys count bits: each planned block is
+    // read once, asking for exactly the bits named.
+    QList<KEY_ADDRESS> bitKeys;
+    int conditionJobs = 0;
     for (const TypedAddress &target : targets) {
-        KEY_ADDRESS key;
-        key.station = s.options.station;
-        key.regName = target.regName;
-        key.address = target.address;
-        key.dataType = target.dataType();
-        key.length = target.driverLength();
-        rt.conditionRead(key, READ_JOB_ID);
+        const KEY_ADDRESS key = watchKey(s.options.station, target);
+        if (target.kind == UnitKind::Bit) {
+            bitKeys << key;
+        } else {
+            KEY_ADDRESS copy = key;
+            rt.conditionRead(copy, READ_JOB_ID);
+            conditionJobs += (key.length + s.options.gap - 1) / s.options.gap;
+        }
     }
+    const int planJobs = bitKeys.isEmpty() ? 0 : rt.watch(bitKeys);
 
-    int batchEnd = 1;  // 0 read, -1 given up
+    int batchEnd = conditionJobs > 0 ? 1 : 0;  // 1 waiting, 0 read, -1 given up
+    int planDone = 0, jobsDone = 0;
     QString failure;
+    Progress progress(s.options.json, "read", conditionJobs + planJobs);
     const auto done = [&] {
         for (int end : rt.takeBatchEnds())
             batchEnd = end;
-        return batchEnd != 1 || !failure.isEmpty();
+        return (batchEnd != 1 && planDone >= planJobs) || batchEnd == -1 || !failure.isEmpty();
     };
     // A read given up before the last one drops the batch without an end signal.
-    const auto watchFailures = [&](const Exchange &ex) {
-        if (ex.jobId == READ_JOB_ID && !ex.write && ex.result == 2)
+    const auto watchJobs = [&](const Exchange &ex) {
+        if (ex.write || (ex.result != 1 && ex.result != 2))
+            return;
+        progress.update(++jobsDone);
+        if (ex.jobId == CYCLIC_READ_ID)
+            ++planDone;
+        if (ex.result == 2 && failure.isEmpty())
             failure = ex.describe();
     };
-    const bool finished = s.run(done, s.worstCaseMs(8 * targets.size()), watchFailures);
+    const bool finished = s.run(done, s.worstCaseMs(conditionJobs + planJobs + 8), watchJobs);
+    progress.finish();
     if (!finished || batchEnd == -1 || !failure.isEmpty()) {
         if (failure.isEmpty())
             failure = interrupted() ? "interrupted" : batchEnd == -1 ? rt.stats().lastError : "no answer in time";
         printError(s.options.json, QString("read failed after %1 tries: %2").arg(s.options.retries).arg(failure));
         return EXIT_FAILED;
     }
+    const QString time = isoTime(QDateTime::currentDateTimeUtc());
     for (const TypedAddress &target : targets) {
         const QByteArray bytes = rt.read(s.options.station, target.regName, target.address, target.driverLength());
         for (const UnitValue &v : decodeValues(target, bytes)) {
             if (s.options.json) {
                 QJsonObject o = valueJson(v);
                 o["type"] = "value";
+                o["time"] = time;
+                o["quality"] = "good";
                 printJson(o);
             } else {
                 printLine(QString("%1 = %2").arg(v.name, valueText(v)));
@@ -131,7 +150,7 @@ int cmdRead(Session &s)
 int cmdWrite(Session &s)
 {
     if (s.options.args.isEmpty()) {
-        printError(false, "write: name at least one ADDR=VALUE, e.g. kq71 write D100=5");
+        printError(s.options.json, "write: name at least one ADDR=VALUE, e.g. kq71 write D100=5");
         return EXIT_USAGE;
     }
     QVector<WriteItem> items;
@@ -189,7 +208,7 @@ int cmdWrite(Session &s)
         items << item;
     }
     if (!valid)
-        return EXIT_FAILED;
+        return EXIT_USAGE;
 
     Runtime &rt = *s.runtime;
     for (const WriteItem &item : items)
@@ -201,8 +220,12 @@ int cmdWrite(Session &s)
     bool drained = false;
     const qint64 budget = s.worstCaseMs(4 * items.size() + 4);
     const qint64 endUs = s.link->clockUs() + budget * 1000;
+    Progress progress(s.options.json, "write, requests", 0);
+    int requests = 0;
     while (!drained && !interrupted() && s.link->clockUs() <= endUs) {
         const Exchange ex = rt.step();
+        if (ex.result == 1 || ex.result == 2)
+            progress.update(++requests);
         if (rt.drained()) {
             drained = true;
             break;
@@ -214,6 +237,7 @@ int cmdWrite(Session &s)
                 item.failure = ex.describe();
     }
 
+    progress.finish();
     int status = EXIT_OK;
     for (const WriteItem &item : items) {
         QString failure = item.failure;

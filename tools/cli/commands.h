@@ -7,8 +7,8 @@
 namespace kq71cli {
 
 // Job ids the command line gives the driver, so its frames can be told apart
-// from the cyclic reads (id 4).
-enum { READ_JOB_ID = 21, WRITE_JOB_ID = 22 };
+// from the cyclic reads (id 4, which the driver gives).
+enum { CYCLIC_READ_ID = 4, READ_JOB_ID = 21, WRITE_JOB_ID = 22 };
 
 int cmdRegisters(Session &s);
 int cmdCheck(Session &s);

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "help.h"
+
 #include <QtCore/QCommandLineParser>
 
 #include <cstdio>
@@ -8,59 +10,6 @@ namespace kq71cli {
 
 namespace {
 
-const char USAGE[] =
-    "usage: kq71 COMMAND [ARGS] [OPTIONS]\n"
-    "\n"
-    "Talks to a KQ71 PLC through the vorn_kq71_ap driver, loaded as the panel loads it.\n"
-    "\n"
-    "Commands:\n"
-    "  watch ADDR...             poll addresses and show their values live\n"
-    "  read ADDR...              read once (a condition read) and print the values\n"
-    "  write ADDR=VALUE...       write values; VALUE may be a list: D100=1,2,3\n"
-    "  recipe write FILE         write a recipe: CSV lines reg,address,length,bufOffset,value...\n"
-    "  recipe read FILE          read the recipe's items from the PLC and write the CSV back\n"
-    "  registers                 list the registers the driver knows\n"
-    "  check ADDR...             check addresses as the panel editor does\n"
-    "  bridge --mqtt HOST:PORT --root ROOT --tags FILE   publish tags on an MQTT broker, take writes\n"
-    "\n"
-    "Addresses are typed as in the panel editor: D100:10 (ten words), X20:8 (octal X/Y),\n"
-    "200CC200:2 (two 32-bit values), M8000.\n"
-    "\n"
-    "Link (default: the simulated PLC in process):\n"
-    "  --sim                     use the simulated PLC\n"
-    "  --sim-move                let the watched values move\n"
-    "  --sim-faults LIST         e.g. drop=0.1,cut=0.05,bad-crc=0.05,exception=0.02,noise=0.05,\n"
-    "                            echo=0.05,wrong-station=0.01,wrong-function=0.01,delay=0.05,\n"
-    "                            delay-ms=300, or all=P\n"
-    "  --sim-seed N              seed of the simulated faults (1)\n"
-    "  --sim-station N           station the simulated PLC answers (--station)\n"
-    "  --sim-strict              simulated PLC keeps the standard Modbus request limits\n"
-    "  --sim-state FILE          keep the simulated PLC's memory in FILE between runs\n"
-    "  --sim-fast                do not run the simulated line in real time\n"
-    "  --port DEV                serial port\n"
-    "  --baud N --data N --parity NONE|EVEN|ODD --stop N\n"
-    "                            serial settings (default: the driver's, 19200,8,NONE,2)\n"
-    "  --tcp HOST[:PORT]         RTU frames over TCP (port: the driver's default)\n"
-    "\n"
-    "Driver:\n"
-    "  --driver FILE             the driver library (default: $KQ71_DRIVER, next to kq71, or the build's)\n"
-    "  --station N               PLC station (1)\n"
-    "  --retries N               sends of one frame before its job is given up (3)\n"
-    "  --gap N                   largest address gap bridged when merging reads (16)\n"
-    "  --timeout MS              response timeout (200)\n"
-    "  --device-id N             this driver instance's id (1)\n"
-    "\n"
-    "Output and ending:\n"
-    "  --json                    one JSON object per line\n"
-    "  --debug                   show the driver's debug lines\n"
-    "  --count N                 watch: stop after N polls of every address\n"
-    "  --seconds S               watch: stop after S seconds\n"
-    "  -o, --output FILE         recipe read: write the CSV here ('-' for stdout)\n"
-    "  --write                   check: check for writing\n"
-    "\n"
-    "Exit status: 0 done, 1 refused or failed, 2 link cannot be opened, 3 driver cannot be loaded,\n"
-    "64 bad command line.\n";
-
 bool toInt(const QString &text, int lo, int hi, int *out)
 {
     bool ok = false;
@@ -68,6 +17,28 @@ bool toInt(const QString &text, int lo, int hi, int *out)
     if (!ok || v < lo || v > hi)
         return false;
     *out = v;
+    return true;
+}
+
+// "500ms", "2s", "1.5" (seconds), "1m", "0".
+bool toDurationMs(const QString &text, int *out)
+{
+    QString t = text.trimmed().toLower();
+    double scale = 1000;
+    if (t.endsWith("ms")) {
+        scale = 1;
+        t.chop(2);
+    } else if (t.endsWith('s')) {
+        t.chop(1);
+    } else if (t.endsWith('m')) {
+        scale = 60000;
+        t.chop(1);
+    }
+    bool ok = false;
+    const double v = t.toDouble(&ok) * scale;
+    if (!ok || !(v >= 0) || v > 86400000.0)
+        return false;
+    *out = int(v + 0.5);
     return true;
 }
 
@@ -87,10 +58,11 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
         gap("gap", "", "N"), timeout("timeout", "", "MS"), deviceId("device-id", "", "N");
     const QCommandLineOption debug("debug");
     const QCommandLineOption json("json"), count("count", "", "N"), seconds("seconds", "", "S"),
-        output(QStringList{"o", "output"}, "", "FILE"), forWrite("write");
+        interval("interval", "", "DURATION"), output(QStringList{"o", "output"}, "", "FILE"), forWrite("write"),
+        version("version");
     p.addOptions({help, sim, simMove, simStrict, simFast, simFaults, simSeed, simStation, simState, port, baud, data,
-                  parity, stop, tcp, driver, station, retries, gap, timeout, deviceId, json, count, seconds, output,
-                  forWrite, debug});
+                  parity, stop, tcp, driver, station, retries, gap, timeout, deviceId, json, count, seconds, interval,
+                  output, forWrite, debug, version});
     p.addPositionalArgument("command", "");
     const kq71bridge::BridgeCommandLine bridge;
     bridge.add(p);
@@ -102,16 +74,23 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
     };
     if (!p.parse(argv))
         return fail(p.errorText());
-    if (p.isSet(help)) {
-        std::fputs(USAGE, stdout);
-        std::fputs(kq71bridge::BRIDGE_USAGE, stdout);
+    const QStringList pos = p.positionalArguments();
+    auto show = [&](const QString &text) {
+        std::fputs(qPrintable(text), stdout);
         *exitCode = EXIT_OK;
         return false;
+    };
+    // "COMMAND --help" gives the command's own page; a command without one
+    // gets the overview. "help COMMAND" is answered by main(), which knows
+    // the commands.
+    if (p.isSet(help)) {
+        const QString page = pos.isEmpty() ? QString() : commandHelp(pos.first());
+        return show(page.isEmpty() ? overviewHelp() : page);
     }
-    const QStringList pos = p.positionalArguments();
-    if (pos.isEmpty())
+    o->showVersion = p.isSet(version);
+    if (pos.isEmpty() && !o->showVersion)
         return fail("no command given");
-    o->command = pos.first();
+    o->command = pos.value(0);
     o->args = pos.mid(1);
 
     struct IntOption {
@@ -142,6 +121,8 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
     QString why;
     if (!bridge.read(p, &o->bridge, &why))
         return fail(why);
+    if (p.isSet(interval) && !toDurationMs(p.value(interval), &o->intervalMs))
+        return fail(QString("--interval needs a duration such as 500ms, 2s or 0, not \"%1\"").arg(p.value(interval)));
     if (p.isSet(seconds)) {
         bool ok = false;
         o->seconds = p.value(seconds).toDouble(&ok);
@@ -154,6 +135,8 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
     o->port = p.value(port);
     o->tcp = p.value(tcp);
     o->parity = p.value(parity).toUpper();
+    if (!o->parity.isEmpty() && o->parity != "NONE" && o->parity != "EVEN" && o->parity != "ODD")
+        return fail(QString("--parity takes NONE, EVEN or ODD, not \"%1\"").arg(p.value(parity)));
     o->simMove = p.isSet(simMove);
     o->simStrict = p.isSet(simStrict);
     o->simFast = p.isSet(simFast);
@@ -162,6 +145,12 @@ bool parseOptions(const QStringList &argv, Options *o, int *exitCode)
     o->output = p.value(output);
     o->forWrite = p.isSet(forWrite);
 
+    if (!o->tcp.isEmpty()) {
+        const int colon = o->tcp.lastIndexOf(':');
+        int tcpPort = 0;
+        if (colon >= 0 && !toInt(o->tcp.mid(colon + 1), 1, 65535, &tcpPort))
+            return fail(QString("--tcp %1: the port must be a number from 1 to 65535").arg(o->tcp));
+    }
     if (!o->port.isEmpty() && !o->tcp.isEmpty())
         return fail("name one link: --port or --tcp");
     if (p.isSet(sim) && !o->useSim())

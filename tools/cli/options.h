@@ -11,10 +11,10 @@ namespace kq71cli {
 
 enum ExitCode {
     EXIT_OK = 0,
-    EXIT_FAILED = 1,     // refused address, PLC gave up, values not transferred
+    EXIT_FAILED = 1,     // refused by the PLC, a job given up, values not transferred
     EXIT_LINK = 2,       // port or connection cannot be opened
     EXIT_DRIVER = 3,     // driver library cannot be loaded
-    EXIT_USAGE = 64,
+    EXIT_USAGE = 64,     // command, option, value or address text wrong
 };
 
 struct Options {
@@ -48,7 +48,10 @@ struct Options {
     bool simFast = false;
     QString simState;
 
+    bool showVersion = false;
+
     // watch
+    int intervalMs = 500;
     int count = -1;
     double seconds = -1;
     // recipe read
@@ -61,7 +64,7 @@ struct Options {
     bool useSim() const { return port.isEmpty() && tcp.isEmpty(); }
 };
 
-// Fills options from argv. On error, or for --help, prints to stderr/stdout and
+// Fills options from argv. On error, or for help, prints to stderr/stdout and
 // returns false with the exit code to use.
 bool parseOptions(const QStringList &argv, Options *options, int *exitCode);
 

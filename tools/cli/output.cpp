@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 namespace kq71cli {
 
@@ -122,6 +123,40 @@ QJsonObject statsJson(const kq71rt::RuntimeStats &s)
                   {"lineTimeMs", double(s.wireTimeUs / 1000)},
                   {"lastError", s.lastError}};
     return o;
+}
+
+QString isoTime(const QDateTime &t) { return t.toUTC().toString(Qt::ISODateWithMs); }
+
+QString localTime(const QDateTime &t) { return t.toLocalTime().toString("HH:mm:ss.zzz"); }
+
+Progress::Progress(bool json, const QString &what, int total)
+    : enabled_(!json && isatty(2)), what_(what), total_(total)
+{
+    started_.start();
+}
+
+void Progress::update(int done)
+{
+    if (!enabled_)
+        return;
+    const qint64 ms = started_.elapsed();
+    if (ms < 1000 || ms - lastMs_ < 200)
+        return;
+    lastMs_ = ms;
+    shown_ = true;
+    if (total_ > 0)
+        std::fprintf(stderr, "\r%s: %d of %d, %.0f s\x1b[K", qPrintable(what_), qMin(done, total_), total_,
+                     ms / 1000.0);
+    else
+        std::fprintf(stderr, "\r%s: %d done, %.0f s\x1b[K", qPrintable(what_), done, ms / 1000.0);
+    std::fflush(stderr);
+}
+
+void Progress::finish()
+{
+    if (shown_)
+        std::fputs("\r\x1b[K", stderr);
+    shown_ = false;
 }
 
 void printLine(const QString &line)

@@ -5,6 +5,8 @@
 #include "address_text.h"
 #include "runtime.h"
 
+#include <QtCore/QDateTime>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QJsonObject>
 #include <QtCore/QString>
 #include <QtCore/QVector>
@@ -31,6 +33,28 @@ QJsonObject valueJson(const UnitValue &v);
 
 QString statsText(const kq71rt::RuntimeStats &s);
 QJsonObject statsJson(const kq71rt::RuntimeStats &s);
+
+// ISO 8601 in UTC with milliseconds, for JSON; local clock time for text.
+QString isoTime(const QDateTime &t);
+QString localTime(const QDateTime &t);
+
+// "read: 120 of 625 requests" on a terminal's stderr, once the work has taken
+// more than a second; nothing in a pipe or with --json. A total of 0: unknown.
+class Progress {
+public:
+    Progress(bool json, const QString &what, int total);
+    ~Progress() { finish(); }
+    void update(int done);
+    void finish();
+
+private:
+    bool enabled_;
+    QString what_;
+    int total_;
+    QElapsedTimer started_;
+    qint64 lastMs_ = -1000;
+    bool shown_ = false;
+};
 
 void printLine(const QString &line);
 void printJson(const QJsonObject &object);

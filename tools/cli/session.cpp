@@ -67,20 +67,35 @@ bool parseFaults(const QString &list, kq71sim::FaultRates *rates, QString *error
 
 bool interrupted() { return stopRequested != 0; }
 
+KEY_ADDRESS watchKey(int station, const TypedAddress &target)
+{
+    KEY_ADDRESS key;
+    key.station = station;
+    key.regName = target.regName;
+    key.address = target.address;
+    key.dataType = target.dataType();
+    key.length = target.driverLength();
+    return key;
+}
+
 void installSignalHandlers()
 {
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
 }
 
-Session::~Session()
+Session::~Session() { runtime.reset(); }
+
+int Session::finish()
 {
     runtime.reset();
-    if (sim && !options.simState.isEmpty()) {
-        QString error;
-        if (!saveSimState(*sim, options.simState, &error))
-            printError(options.json, error);
-    }
+    if (!sim || options.simState.isEmpty())
+        return EXIT_OK;
+    QString error;
+    if (saveSimState(*sim, options.simState, &error))
+        return EXIT_OK;
+    printError(options.json, error);
+    return EXIT_FAILED;
 }
 
 int Session::loadDriver()

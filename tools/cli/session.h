@@ -19,6 +19,10 @@ namespace kq71cli {
 bool interrupted();
 void installSignalHandlers();
 
+// The watch list entry for a target: lengths in bits, or 16-bit words (two
+// per 32-bit value).
+KEY_ADDRESS watchKey(int station, const kq71rt::TypedAddress &target);
+
 class Session {
 public:
     explicit Session(const Options &options) : options(options) {}
@@ -28,6 +32,9 @@ public:
     int loadDriver();
     // Opens the link and configures the driver (loadDriver first).
     int connect();
+    // Ends the exchange and saves the simulated PLC's memory when asked to;
+    // prints the error and returns the exit code when it cannot.
+    int finish();
 
     // Resolves typed addresses; prints every refusal. False when any failed.
     bool resolve(const QStringList &texts, int access, QVector<kq71rt::TypedAddress> *targets);

@@ -1,5 +1,7 @@
 #include "address_text.h"
 
+#include <QtCore/QHash>
+
 namespace kq71rt {
 
 QList<RegisterInfo> registerCatalogue(const DriverLibrary &lib)
@@ -144,6 +146,113 @@ QString checkFailureText(int code, const TypedAddress &target, const QList<Regis
     default:
         return QString("refused by the driver (code %1)").arg(code);
     }
+}
+
+namespace {
+
+// The PLC memory units a register's unit covers: one bit, one register, or
+// two for a 32-bit value. Bits and registers are separate spaces.
+QVector<qint64> wiresOf(const QString &reg, int address)
+{
+    const UnitPlace p = placeOf(reg, address);
+    if (p.wire < 0)
+        return {};
+    const qint64 space = p.kind == UnitKind::Bit ? 0 : qint64(1) << 32;
+    if (p.kind == UnitKind::DoubleWord)
+        return {space + p.wire, space + p.wire + 1};
+    return {space + p.wire};
+}
+
+bool rangeOf(const RegisterInfo &r, int *lo, int *hi)
+{
+    bool ok1 = false, ok2 = false;
+    *lo = r.min.toInt(&ok1, addressRadix(r.name));
+    *hi = r.max.toInt(&ok2, addressRadix(r.name));
+    return ok1 && ok2 && *lo <= *hi;
+}
+
+} // namespace
+
+MemoryMap::MemoryMap(const QList<RegisterInfo> &catalogue)
+{
+    for (const RegisterInfo &r : catalogue) {
+        int lo = 0, hi = -1;
+        if (!rangeOf(r, &lo, &hi))
+            continue;
+        QHash<qint64, int> &units = units_[r.name];
+        for (int a = lo; a <= hi; ++a)
+            for (qint64 w : wiresOf(r.name, a))
+                units.insert(w, a);
+        names_ << r.name;
+    }
+}
+
+QVector<SharedMemory> MemoryMap::shared(const QString &reg, int first, int last) const
+{
+    QVector<SharedMemory> out;
+    for (const QString &other : names_) {
+        if (other == reg)
+            continue;
+        const QHash<qint64, int> &units = units_[other];
+        SharedMemory run;
+        bool open = false;
+        int lastOther = 0;
+        bool otherEvery2nd = true;
+        const auto close = [&] {
+            if (run.first == run.last)
+                run.step = 1;
+            if (otherEvery2nd && run.otherFirst != run.otherLast)
+                run.otherStep = 2;
+            out << run;
+        };
+        for (int a = first; a <= last; ++a) {
+            int b = -1;
+            for (qint64 w : wiresOf(reg, a)) {
+                const auto it = units.constFind(w);
+                if (it != units.constEnd()) {
+                    b = *it;
+                    break;
+                }
+            }
+            if (b < 0)
+                continue;
+            // One run while both sides move on by at most two units (V and Z
+            // interleave, a 32-bit value covers two words).
+            const int da = a - run.last, db = b - lastOther;
+            if (open && da <= 2 && db >= 0 && db <= 2 && (run.first == run.last || da == run.step)) {
+                run.step = da;
+                otherEvery2nd = otherEvery2nd && db == 2;
+                run.last = a;
+                lastOther = b;
+                run.otherFirst = qMin(run.otherFirst, b);
+                run.otherLast = qMax(run.otherLast, b);
+                continue;
+            }
+            if (open)
+                close();
+            open = true;
+            run = SharedMemory{reg, a, a, 1, other, b, b, 1};
+            lastOther = b;
+            otherEvery2nd = true;
+        }
+        if (open)
+            close();
+    }
+    return out;
+}
+
+QString sharedMemoryText(const SharedMemory &m)
+{
+    const auto span = [](const QString &reg, int first, int last) {
+        return first == last ? unitName(reg, first) : unitName(reg, first) + ".." + unitName(reg, last);
+    };
+    QString mine = span(m.reg, m.first, m.last);
+    if (m.step == 2)
+        mine += " (every 2nd)";
+    QString other = span(m.otherReg, m.otherFirst, m.otherLast);
+    if (m.otherStep == 2)
+        other += " (every 2nd)";
+    return mine + " = " + other;
 }
 
 bool resolveAddress(const DriverLibrary &lib, const QList<RegisterInfo> &catalogue, const QString &text, int access,

@@ -6,9 +6,11 @@
 #include "driver_library.h"
 #include "plc_map.h"
 
+#include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
+#include <QtCore/QVector>
 
 namespace kq71rt {
 
@@ -51,6 +53,33 @@ int checkAddress(const DriverLibrary &lib, TypedAddress *target, int access);
 
 // The driver's refusal in words.
 QString checkFailureText(int code, const TypedAddress &target, const QList<RegisterInfo> &catalogue);
+
+// A run of units of one register that lies on the same PLC memory as a run
+// of another: writing one changes the other.
+struct SharedMemory {
+    QString reg;
+    int first = 0, last = 0;
+    int step = 1;  // 2: every second unit of first..last (V and Z interleave)
+    QString otherReg;
+    int otherFirst = 0, otherLast = 0;
+    int otherStep = 1;
+};
+
+// Every register's units laid on the PLC memory, as the PLC map places them
+// within each register's range in the catalogue.
+class MemoryMap {
+public:
+    explicit MemoryMap(const QList<RegisterInfo> &catalogue);
+    // The runs of other registers on the memory of units first..last of reg.
+    QVector<SharedMemory> shared(const QString &reg, int first, int last) const;
+
+private:
+    QStringList names_;
+    QHash<QString, QHash<qint64, int>> units_;  // register -> memory unit -> address
+};
+
+// "D8512..D9998 (every 2nd) = Z0..Z743"
+QString sharedMemoryText(const SharedMemory &m);
 
 // parseAddress and checkAddress in one; the error says what is wrong.
 bool resolveAddress(const DriverLibrary &lib, const QList<RegisterInfo> &catalogue, const QString &text, int access,

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <poll.h>
 #include <unistd.h>
 
@@ -39,13 +40,79 @@ int completeReplyLength(const QByteArray &received, int expected)
     return 0;
 }
 
+namespace {
+
+const qint64 FIRST_BACKOFF_MS = 100;
+const qint64 LAST_BACKOFF_MS = 2000;
+
+// One sleep that a signal cuts short, so Ctrl-C is not held up by a backoff.
+void sleepMs(qint64 ms)
+{
+    if (ms <= 0)
+        return;
+    timespec t{time_t(ms / 1000), long(ms % 1000) * 1000000L};
+    ::nanosleep(&t, nullptr);
+}
+
+} // namespace
+
 void Link::idle(qint64 us)
 {
     if (us > 0)
         QThread::usleep(static_cast<unsigned long>(us));
 }
 
+QVector<LinkEvent> Link::takeEvents()
+{
+    QVector<LinkEvent> out;
+    out.swap(events_);
+    return out;
+}
+
 // --- StreamLink ---------------------------------------------------------------
+
+void StreamLink::lost(const QString &why)
+{
+    linkError_ = why;
+    if (down_)
+        return;
+    down_ = true;
+    downWhy_ = why;
+    attempts_ = 0;
+    backoffMs_ = FIRST_BACKOFF_MS;
+    downSince_.start();
+    sinceAttempt_.start();
+    events_.append(LinkEvent{false, why + "; reconnecting"});
+}
+
+bool StreamLink::ready()
+{
+    if (!down_ && !alive())
+        return false;  // alive() called lost()
+    if (!down_)
+        return true;
+    sleepMs(backoffMs_ - sinceAttempt_.elapsed());
+    if (sinceAttempt_.elapsed() < backoffMs_) {
+        linkError_ = downWhy_;  // cut short by a signal
+        return false;
+    }
+    ++attempts_;
+    QString why;
+    if (!reconnect(&why)) {
+        backoffMs_ = qMin(backoffMs_ * 2, LAST_BACKOFF_MS);
+        sinceAttempt_.restart();
+        linkError_ = downWhy_ + " (" + why + ")";
+        return false;
+    }
+    down_ = false;
+    events_.append(LinkEvent{true, QString("%1 is back after %2 s (%3 attempt%4)")
+                                       .arg(describe())
+                                       .arg(downSince_.elapsed() / 1000.0, 0, 'f', 1)
+                                       .arg(attempts_)
+                                       .arg(attempts_ == 1 ? "" : "s")});
+    lastActivity_.restart();
+    return true;
+}
 
 QByteArray StreamLink::exchange(const QByteArray &request, int expected, int timeoutMs)
 {
@@ -151,10 +218,29 @@ bool SerialLink::open(QString *error)
     return true;
 }
 
+bool SerialLink::checkGone()
+{
+    // A vanished USB adapter and a pty whose other end closed both show up
+    // as a resource error (or a hang-up on the descriptor).
+    bool gone = port_->error() == QSerialPort::ResourceError;
+    if (!gone && port_->isOpen()) {
+        pollfd p = {int(port_->handle()), POLLIN, 0};
+        gone = ::poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR | POLLNVAL));
+    }
+    if (!gone)
+        return false;
+    const QString why = port_->error() == QSerialPort::ResourceError ? port_->errorString() : "hung up";
+    port_->close();
+    lost(QString("link closed: %1 (%2)").arg(settings_.device, why));
+    return true;
+}
+
 QByteArray SerialLink::readSome(int timeoutMs)
 {
     if (port_->bytesAvailable() > 0 || port_->waitForReadyRead(timeoutMs))
         return port_->readAll();
+    if (checkGone())
+        return QByteArray();
     if (port_->error() != QSerialPort::NoError && port_->error() != QSerialPort::TimeoutError)
         linkError_ = port_->errorString();
     port_->clearError();
@@ -163,13 +249,17 @@ QByteArray SerialLink::readSome(int timeoutMs)
 
 bool SerialLink::writeAll(const QByteArray &bytes, int timeoutMs)
 {
+    if (checkGone())
+        return false;
     if (port_->write(bytes) != bytes.size()) {
-        linkError_ = port_->errorString();
+        if (!checkGone())
+            linkError_ = port_->errorString();
         return false;
     }
     while (port_->bytesToWrite() > 0) {
         if (!port_->waitForBytesWritten(timeoutMs)) {
-            linkError_ = QString("write to %1 timed out").arg(settings_.device);
+            if (!checkGone())
+                linkError_ = QString("write to %1 timed out").arg(settings_.device);
             return false;
         }
     }
@@ -216,16 +306,11 @@ bool TcpLink::open(QString *error)
     return true;
 }
 
-bool TcpLink::ready()
+bool TcpLink::alive()
 {
     if (socket_ && socket_->state() == QAbstractSocket::ConnectedState)
         return true;
-    // A dropped connection is tried again once per exchange; meanwhile the
-    // driver sees silence and counts retries.
-    QString why;
-    if (connectNow(1000, &why))
-        return true;
-    linkError_ = why;
+    lost(QString("connection to %1:%2 lost (%3)").arg(host_).arg(port_).arg(socket_ ? socket_->errorString() : ""));
     return false;
 }
 
@@ -234,19 +319,21 @@ QByteArray TcpLink::readSome(int timeoutMs)
     if (socket_->bytesAvailable() > 0 || socket_->waitForReadyRead(timeoutMs))
         return socket_->readAll();
     if (socket_->state() != QAbstractSocket::ConnectedState)
-        linkError_ = QString("connection to %1:%2 lost").arg(host_).arg(port_);
+        alive();
     return QByteArray();
 }
 
 bool TcpLink::writeAll(const QByteArray &bytes, int timeoutMs)
 {
     if (socket_->write(bytes) != bytes.size()) {
-        linkError_ = socket_->errorString();
+        if (alive())
+            linkError_ = socket_->errorString();
         return false;
     }
     while (socket_->bytesToWrite() > 0) {
         if (!socket_->waitForBytesWritten(timeoutMs)) {
-            linkError_ = socket_->errorString();
+            if (alive())
+                linkError_ = socket_->errorString();
             return false;
         }
     }
@@ -282,12 +369,26 @@ bool FdLink::open(QString *error)
     return true;
 }
 
+bool FdLink::reconnect(QString *error)
+{
+    // Someone else's descriptor: it is back when its other end is open again.
+    pollfd p = {fd_, POLLOUT, 0};
+    if (::poll(&p, 1, 0) >= 0 && !(p.revents & (POLLHUP | POLLERR | POLLNVAL)))
+        return true;
+    *error = "still closed";
+    return false;
+}
+
 QByteArray FdLink::readSome(int timeoutMs)
 {
     pollfd p = {fd_, POLLIN, 0};
     const int r = ::poll(&p, 1, timeoutMs);
     if (r < 0 && errno != EINTR) {
         linkError_ = QString("%1: %2").arg(name_, QString::fromLocal8Bit(std::strerror(errno)));
+        return QByteArray();
+    }
+    if (r > 0 && !(p.revents & POLLIN) && (p.revents & (POLLHUP | POLLERR | POLLNVAL))) {
+        lost(QString("link closed: %1 (hung up)").arg(name_));
         return QByteArray();
     }
     if (r <= 0 || !(p.revents & POLLIN))
@@ -318,6 +419,10 @@ bool FdLink::writeAll(const QByteArray &bytes, int timeoutMs)
         pollfd p = {fd_, POLLOUT, 0};
         if (::poll(&p, 1, timeoutMs) <= 0) {
             linkError_ = QString("%1: write timed out").arg(name_);
+            return false;
+        }
+        if (p.revents & (POLLHUP | POLLERR | POLLNVAL)) {
+            lost(QString("link closed: %1 (hung up)").arg(name_));
             return false;
         }
     }

@@ -6,6 +6,8 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QString>
 
+#include <QtCore/QVector>
+
 #include <memory>
 
 class QSerialPort;
@@ -30,6 +32,13 @@ int completeReplyLength(const QByteArray &received, int expected);
 // CRC-16 of an RTU frame.
 quint16 rtuCrc(const char *data, int size);
 
+// The link went down or came back: reported once per outage and once at
+// recovery, however many exchanges fail in between.
+struct LinkEvent {
+    bool up = false;
+    QString text;
+};
+
 class Link {
 public:
     virtual ~Link() = default;
@@ -51,9 +60,12 @@ public:
     virtual void idle(qint64 us);
     // What went wrong on the link itself in the last exchange, if anything.
     QString linkError() const { return linkError_; }
+    // Outages and recoveries since the last call, oldest first.
+    QVector<LinkEvent> takeEvents();
 
 protected:
     QString linkError_;
+    QVector<LinkEvent> events_;
 };
 
 // A byte stream with RTU timing: serial ports, pseudo-terminals, TCP.
@@ -69,16 +81,41 @@ protected:
     virtual QByteArray readSome(int timeoutMs) = 0;
     virtual bool writeAll(const QByteArray &bytes, int timeoutMs) = 0;
     virtual void discardInput() = 0;
-    // Called before each exchange; a link that can reconnect does so here.
-    virtual bool ready() { return true; }
     // Whether the frame gap must be kept (not over TCP).
     virtual bool timedLine() const { return true; }
+    // Opens the port or connection again after lost(); false with the reason.
+    virtual bool reconnect(QString *error) = 0;
+    // Whether the port or connection is still there before an exchange.
+    virtual bool alive() { return true; }
 
-    void startClock() { opened_.start(); lastActivity_.start(); }
+    // The port or connection is gone (the peer closed it, the device
+    // vanished): exchanges get nothing until reconnect() succeeds.
+    void lost(const QString &why);
+
+    // The clock runs from the first opening: a reconnection does not reset it.
+    void startClock()
+    {
+        if (!opened_.isValid())
+            opened_.start();
+        lastActivity_.start();
+    }
 
     int baud_;
     QElapsedTimer opened_;
     QElapsedTimer lastActivity_;
+
+private:
+    // While down: sleeps until the next attempt is due, then makes it.
+    // Attempts back off from 100 ms doubling to 2 s, so a dead peer costs a
+    // few attempts a second at most.
+    bool ready();
+
+    bool down_ = false;
+    QString downWhy_;
+    int attempts_ = 0;
+    qint64 backoffMs_ = 0;
+    QElapsedTimer downSince_;
+    QElapsedTimer sinceAttempt_;
 };
 
 struct SerialSettings {
@@ -100,8 +137,12 @@ protected:
     QByteArray readSome(int timeoutMs) override;
     bool writeAll(const QByteArray &bytes, int timeoutMs) override;
     void discardInput() override;
+    bool reconnect(QString *error) override { return open(error); }
 
 private:
+    // A port error that means the device or the other end of a pty is gone.
+    bool checkGone();
+
     SerialSettings settings_;
     std::unique_ptr<QSerialPort> port_;
 };
@@ -118,8 +159,9 @@ protected:
     QByteArray readSome(int timeoutMs) override;
     bool writeAll(const QByteArray &bytes, int timeoutMs) override;
     void discardInput() override;
-    bool ready() override;
     bool timedLine() const override { return false; }
+    bool reconnect(QString *error) override { return connectNow(1000, error); }
+    bool alive() override;
 
 private:
     bool connectNow(int timeoutMs, QString *error);
@@ -142,6 +184,7 @@ protected:
     QByteArray readSome(int timeoutMs) override;
     bool writeAll(const QByteArray &bytes, int timeoutMs) override;
     void discardInput() override;
+    bool reconnect(QString *error) override;
 
 private:
     int fd_;

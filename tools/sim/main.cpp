@@ -82,14 +82,46 @@ std::string hex(const QByteArray &b)
 
 void usage(FILE *to)
 {
-    std::fprintf(to,
-        "usage: kq71-sim [--pty] [--link PATH] [--tcp [PORT]] [--bind ADDR] [--station N]\n"
-        "                [--strict] [--seed N] [--move] [--baud N] [--quiet] [--duration SEC]\n"
-        "                [--drop P] [--cut P] [--bad-crc P] [--wrong-station P]\n"
-        "                [--wrong-function P] [--exception P] [--noise P] [--echo P]\n"
-        "                [--delay P] [--delay-ms MS]\n"
-        "Serves a simulated KQ71 PLC (Modbus RTU) on a pseudo-terminal and/or raw RTU\n"
-        "over TCP (default: TCP port 8000 on 127.0.0.1). Fault rates P are 0..1.\n");
+    std::fputs(
+        "usage: kq71-sim [OPTIONS]\n"
+        "\n"
+        "Serves a simulated KQ71 PLC that speaks Modbus RTU, on a pseudo-terminal and/or as raw\n"
+        "RTU frames over TCP (no MBAP header). With neither --pty nor --tcp: TCP port 8000 on\n"
+        "127.0.0.1. Prints where it listens (\"PTY /dev/pts/N\", \"TCP ADDR:PORT\") on its first lines,\n"
+        "each request and reply on stderr (unless --quiet), and its statistics when it stops.\n"
+        "\n"
+        "Where:\n"
+        "  --pty                 serve on a new pseudo-terminal; use its path as the serial port\n"
+        "  --link PATH           also make PATH a symbolic link to that pseudo-terminal (implies --pty)\n"
+        "  --tcp [PORT]          serve RTU over TCP on PORT (0..65535, 0: any free port; default 8000)\n"
+        "  --bind ADDR           the IPv4 address to listen on (default 127.0.0.1)\n"
+        "\n"
+        "The PLC:\n"
+        "  --station N           the station it answers, 1..255 (default 1)\n"
+        "  --strict              refuse requests beyond the standard Modbus limits (2000 bits,\n"
+        "                        125 registers read; 1968 bits, 123 registers written)\n"
+        "  --move                let values move: D0..D3 count, M0..M7 toggle, D10 waves\n"
+        "  --baud N              pace replies as a line of N baud would (50..4000000; default: at once)\n"
+        "  --duration SEC        stop by itself after SEC seconds (default: on SIGINT or SIGTERM)\n"
+        "  --quiet               do not log requests and replies\n"
+        "\n"
+        "Line faults, each a probability P from 0 to 1 per request:\n"
+        "  --drop P              no reply\n"
+        "  --cut P               a reply cut short\n"
+        "  --bad-crc P           a reply with a wrong checksum\n"
+        "  --wrong-station P     a reply from another station\n"
+        "  --wrong-function P    a reply with another function code\n"
+        "  --exception P         an exception reply\n"
+        "  --noise P             a reply with noise bytes around it\n"
+        "  --echo P              the request echoed back\n"
+        "  --delay P             a late reply (see --delay-ms)\n"
+        "  --delay-ms MS         how late a delayed reply is, 0..60000 (default 300)\n"
+        "  --seed N              seed of the faults (default 1)\n"
+        "\n"
+        "  -h, --help            this text\n"
+        "\n"
+        "Exit status: 0 stopped, 1 cannot serve (the system's reason is printed), 64 wrong options.\n",
+        to);
 }
 
 bool toNumber(const char *text, double lo, double hi, double &out)
@@ -117,7 +149,8 @@ bool parse(int argc, char **argv, Config &c)
         double v = 0;
         auto number = [&](double lo, double hi) {
             if (!next || !toNumber(next, lo, hi, v)) {
-                std::fprintf(stderr, "kq71-sim: %s needs a number in %g..%g\n", a.c_str(), lo, hi);
+                std::fprintf(stderr, "kq71-sim: %s needs a number from %g to %g, not \"%s\"\n", a.c_str(), lo, hi,
+                             next ? next : "");
                 return false;
             }
             ++i;
@@ -134,19 +167,30 @@ bool parse(int argc, char **argv, Config &c)
         } else if (a == "--pty") {
             c.pty = true;
         } else if (a == "--link") {
-            if (!next)
+            if (!next) {
+                std::fprintf(stderr, "kq71-sim: --link needs a path\n");
                 return false;
+            }
             c.pty = true;
             c.link = argv[++i];
         } else if (a == "--tcp") {
             c.tcp = true;
-            if (next && toNumber(next, 0, 65535, v)) {
+            // The port is optional: a following option is not one.
+            if (next && next[0] != '-') {
+                if (!toNumber(next, 0, 65535, v) || v != double(int(v))) {
+                    std::fprintf(stderr, "kq71-sim: --tcp takes a port from 0 to 65535, not \"%s\"\n", next);
+                    return false;
+                }
                 c.port = int(v);
                 ++i;
             }
         } else if (a == "--bind") {
-            if (!next)
+            in_addr probe;
+            if (!next || inet_pton(AF_INET, next, &probe) != 1) {
+                std::fprintf(stderr, "kq71-sim: --bind takes an IPv4 address such as 127.0.0.1, not \"%s\"\n",
+                             next ? next : "");
                 return false;
+            }
             c.bind = argv[++i];
         } else if (a == "--station") {
             if (!number(1, 255))
@@ -218,6 +262,7 @@ bool openPty(int &master, int &slaveKeep, std::string &path)
     return true;
 }
 
+// The listening socket, or -1 with errno kept from the call that failed.
 int openListener(const Config &c, int &port)
 {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -228,9 +273,15 @@ int openListener(const Config &c, int &port)
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_port = htons(std::uint16_t(c.port));
-    if (inet_pton(AF_INET, c.bind.c_str(), &sa.sin_addr) != 1 ||
-        bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 || listen(fd, 8) != 0) {
+    if (inet_pton(AF_INET, c.bind.c_str(), &sa.sin_addr) != 1) {
         close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 || listen(fd, 8) != 0) {
+        const int why = errno;
+        close(fd);
+        errno = why;
         return -1;
     }
     socklen_t len = sizeof sa;
@@ -405,8 +456,8 @@ int main(int argc, char **argv)
 {
     Config cfg;
     if (!parse(argc, argv, cfg)) {
-        usage(stderr);
-        return 2;
+        std::fputs("(kq71-sim --help describes the options)\n", stderr);
+        return 64;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
@@ -427,7 +478,7 @@ int main(int argc, char **argv)
     if (cfg.pty) {
         std::string &path = ptyPath;
         if (!openPty(master, slaveKeep, path)) {
-            std::perror("kq71-sim: pty");
+            std::fprintf(stderr, "kq71-sim: --pty: cannot open a pseudo-terminal: %s\n", std::strerror(errno));
             return 1;
         }
         std::printf("PTY %s\n", path.c_str());
@@ -437,7 +488,7 @@ int main(int argc, char **argv)
             if (lstat(cfg.link.c_str(), &st) == 0 && S_ISLNK(st.st_mode))
                 unlink(cfg.link.c_str());  // a stale link of an earlier run; never a file
             if (symlink(path.c_str(), cfg.link.c_str()) != 0) {
-                std::perror("kq71-sim: link");
+                std::fprintf(stderr, "kq71-sim: --link %s: %s\n", cfg.link.c_str(), std::strerror(errno));
                 return 1;
             }
             std::printf("LINK %s\n", cfg.link.c_str());
@@ -448,7 +499,7 @@ int main(int argc, char **argv)
         int port = 0;
         listener = openListener(cfg, port);
         if (listener < 0) {
-            std::fprintf(stderr, "kq71-sim: cannot listen on %s:%d: %s\n", cfg.bind.c_str(), cfg.port,
+            std::fprintf(stderr, "kq71-sim: --tcp %d --bind %s: cannot listen: %s\n", cfg.port, cfg.bind.c_str(),
                          std::strerror(errno));
             return 1;
         }
