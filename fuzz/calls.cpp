@@ -110,6 +110,7 @@ private:
     void exchange();
     void queries();
     void nestedCall();
+    void drain();
     bool framePending() const { return haveFrame_ && frameGeneration_ == initGeneration(); }
 
     Input in_;
@@ -202,18 +203,40 @@ void Program::condition(KEY_ADDRESS k, int id)
     const qint64 units = unitsNamed(k.length);
     if (!spend(units + UNITS_PER_PIECE * piecesOf(units, false)))
         return;
-    const int before = driver.conditionReads.size();
     int result;
     {
         CallCheck check("intf_addConditionRead", units);
         result = intf_addConditionRead(&k, id);
     }
-    if (result != 0 && result != 1)
+    if (result != 1)
         fail("intf_addConditionRead returned %d", result);
-    if (result == 0 && driver.conditionReads.size() != before)
-        fail("intf_addConditionRead returned 0 and queued a read");
-    if (result == 1 && driver.conditionReads.isEmpty())
-        fail("intf_addConditionRead returned 1 with no read queued");
+    conditionBatchOpened();
+}
+
+// Answered well, the exchange works off every write and condition read and
+// ends the batch: no job stalls its queue.
+void Program::drain()
+{
+    const qint64 bound = 3 * (qint64(driver.writeJobs.size()) + driver.conditionReads.size()) +
+                         4 * qint64(driver.rcpBlocks.size()) + 64;
+    int idle = 0;
+    for (qint64 i = 0; i < bound && idle < 2; ++i) {
+        if (driver.writeJobs.isEmpty() && driver.conditionReads.isEmpty() && !framePending())
+            break;
+        send();
+        if (!haveFrame_) {
+            ++idle; // a burst of writes without a plan pauses once
+            continue;
+        }
+        idle = 0;
+        deal(in_, goodReply(in_, frame_), &frame_, true);
+        haveFrame_ = false;
+    }
+    send(); // a batch of keys that name no unit ends here
+    if (!driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty())
+        fail("answered well, the exchange left %d writes and %d condition reads waiting", driver.writeJobs.size(),
+             driver.conditionReads.size());
+    checkBatchEnded();
 }
 
 QVector<_RCP_VAR_PRO> Program::recipeItems()
@@ -395,7 +418,7 @@ void Program::nestedCall()
 
 void Program::run()
 {
-    intf_setAddrValueChangeCallBack(&valueChanged);
+    setCallback(1);
     runtime_.init("1#0#0#3#10");
     for (int calls = 0; calls < MAX_CALLS && !in_.atEnd(); ++calls) {
         switch (in_.byte() % OP_COUNT) {
@@ -440,9 +463,7 @@ void Program::run()
             break;
         }
         case OP_CALLBACK: {
-            const int mode = in_.below(3);
-            intf_setAddrValueChangeCallBack(mode ? &valueChanged : 0);
-            setCallbackReadsBack(mode == 2);
+            setCallback(in_.below(3));
             break;
         }
         case OP_FLAGS: {
@@ -462,6 +483,7 @@ void Program::run()
             break;
         }
     }
+    drain();
 }
 
 } // namespace

@@ -37,6 +37,11 @@ qint64 reports = 0;
 
 // A frame that got a bad reply comes out again unchanged.
 int generation = 0;
+// The condition-read batch as the runtime sees it: an end report is owed
+// while Open; Unseen when the callback was off, so that its end may pass
+// unheard.
+enum class Batch { Closed, Open, Unseen } batch = Batch::Closed;
+bool callbackOn = false;
 bool resendDue = false;
 FRAME_PRO resendFrame;
 
@@ -242,6 +247,8 @@ void resetDriver()
         driver.resetAll();
     }
     ++generation;
+    batch = Batch::Closed;
+    callbackOn = false;
     readBack = false;
     nested = std::function<void()>();
     resendDue = false;
@@ -268,6 +275,7 @@ int Runtime::init(const char *property)
     if (result != 1 || status != 0)
         fail("intf_initProperty returned %d with status %d", result, status);
     ++generation;
+    batch = Batch::Closed; // the queue is gone, and with it the batch
     resendDue = false;
     return result;
 }
@@ -431,6 +439,26 @@ bool nextFrame(FRAME_PRO &frame)
 
 // --- callback -------------------------------------------------------------------------
 
+void setCallback(int mode)
+{
+    intf_setAddrValueChangeCallBack(mode ? &valueChanged : 0);
+    callbackOn = mode != 0;
+    if (!callbackOn && batch == Batch::Open)
+        batch = Batch::Unseen;
+    setCallbackReadsBack(mode == 2);
+}
+
+void conditionBatchOpened()
+{
+    batch = callbackOn ? Batch::Open : Batch::Unseen;
+}
+
+void checkBatchEnded()
+{
+    if (batch == Batch::Open)
+        fail("a condition-read batch never ended");
+}
+
 void setCallbackReadsBack(bool on)
 {
     readBack = on;
@@ -447,6 +475,9 @@ void valueChanged(int deviceId, int station, const QString &regName, int address
     if (deviceId == -1 && station == -1 && regName == QLatin1String("-1")) {
         if (address != 0 && address != -1)
             fail("callback: end of a condition-read batch with %d", address);
+        if (batch == Batch::Closed)
+            fail("callback: end of a condition-read batch that is not open (or ended twice)");
+        batch = Batch::Closed;
         return;
     }
     if (deviceId == 0 && station == -1 && regName == QLatin1String("RWI")) {

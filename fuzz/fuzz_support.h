@@ -152,6 +152,12 @@ void checkFrame(const FRAME_PRO &frame);
 // condition-read batch, or a recipe word inside the recipe buffer), counts the
 // report and, when asked, reads the unit back or runs a nested call.
 void setCallbackReadsBack(bool on);
+// The callback: 0 none, 1 checking, 2 checking and reading each unit back.
+void setCallback(int mode);
+// Every batch the runtime opens ends with exactly one report: the callback
+// fails on an end no batch owes; checkBatchEnded fails while one is owed.
+void conditionBatchOpened();
+void checkBatchEnded();
 void setNestedCall(const std::function<void()> &call); // run once, from the next report
 void valueChanged(int deviceId, int station, const QString &regName, int address);
 

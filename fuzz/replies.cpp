@@ -141,12 +141,12 @@ void write(const Setup &s)
 void conditionRead(Setup &s)
 {
     CallCheck check("intf_addConditionRead", unitsNamed(s.condition.length));
-    const int before = driver.conditionReads.size();
-    // Pieces of one word of a 32-bit register (merge gap 1) read nothing: 0.
+    // Also a key that names no unit (one word of a 32-bit register) opens a
+    // batch, which ends at the next frame request.
     const int result = intf_addConditionRead(&s.condition, s.conditionId);
-    if (result != (driver.conditionReads.size() > before ? 1 : 0))
-        fail("intf_addConditionRead returned %d, %d reads queued before, %d after", result, before,
-             driver.conditionReads.size());
+    if (result != 1)
+        fail("intf_addConditionRead returned %d", result);
+    conditionBatchOpened();
 }
 
 void recipe(Setup &s)
@@ -188,6 +188,9 @@ void drain(const Runtime &runtime)
         fail("%d writes, %d condition reads and recipe flags %d/%d left after %d exchanges with good replies",
              driver.writeJobs.size(), driver.conditionReads.size(), runtime.sharedMem[KQ71_RECIPE_WRITE_FLAG],
              runtime.sharedMem[KQ71_RECIPE_READ_FLAG], n);
+    FRAME_PRO f;
+    nextFrame(f);
+    checkBatchEnded();
 }
 
 } // namespace
@@ -198,7 +201,7 @@ int runRepliesInput(const uint8_t *data, size_t size)
     Runtime runtime;
     Input in(data, size);
 
-    intf_setAddrValueChangeCallBack(&valueChanged);
+    setCallback(1);
     static const int gaps[] = {0, 1, 2, 5, 10, 16, 64, 200};
     const uint8_t config = in.byte();
     setCallbackReadsBack(config & 0x20);
