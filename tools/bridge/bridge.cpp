@@ -34,24 +34,6 @@ QByteArray compact(const QJsonObject &o) { return QJsonDocument(o).toJson(QJsonD
 
 } // namespace
 
-bool StationHealth::goodReply(int station)
-{
-    Station &s = stations_[station];
-    s.failures = 0;
-    const bool changed = s.state != Online;
-    s.state = Online;
-    return changed;
-}
-
-bool StationHealth::givenUp(int station)
-{
-    Station &s = stations_[station];
-    if (++s.failures < offlineAfter_ || s.state == Offline)
-        return false;
-    s.state = Offline;
-    return true;
-}
-
 Bridge::Bridge(Runtime &runtime, MqttClient &mqtt, const QVector<Tag> &tags, const BridgeOptions &options)
     : runtime_(runtime), mqtt_(mqtt), tags_(tags), state_(tags.size()), options_(options),
       health_(options.offlineAfter)
@@ -221,11 +203,9 @@ void Bridge::publishMeta()
 
 void Bridge::publishStation(int station)
 {
-    const StationHealth::State s = health_.state(station);
-    if (s != StationHealth::Unknown)
-        publish(QString("%1/plc/%2/status").arg(options_.root).arg(station), s == StationHealth::Online ? "online"
-                                                                                                          : "offline",
-                1, true);
+    const kq71rt::StationState s = health_.state(station);
+    if (s != kq71rt::StationState::Unknown)
+        publish(QString("%1/plc/%2/status").arg(options_.root).arg(station), kq71rt::stationStateName(s), 1, true);
 }
 
 void Bridge::publishValue(int index)
@@ -274,11 +254,14 @@ void Bridge::refresh(int index, bool force)
 
 void Bridge::handle(const Exchange &ex)
 {
-    if (ex.result == 1 && health_.goodReply(ex.station))
-        publishStation(ex.station);
-    else if (ex.result == 2 && health_.givenUp(ex.station)) {
-        log(QString("station %1 offline: %2").arg(ex.station).arg(ex.describe()));
-        publishStation(ex.station);
+    if (ex.result == 1 || ex.result == 2) {
+        const kq71rt::StationState before = health_.state(ex.station);
+        health_.jobEnded(ex.station, ex.result == 1);
+        const kq71rt::StationState now = health_.state(ex.station);
+        if (now == kq71rt::StationState::Offline && before != now)
+            log(QString("station %1 offline: %2").arg(ex.station).arg(ex.describe()));
+        if (before != now)
+            publishStation(ex.station);
     }
     if (ex.result != 1 && ex.result != 2)
         return;
@@ -379,7 +362,7 @@ void Bridge::onMessage(const MqttMessage &m)
     QString why;
     if (!parseValue(t, value, &set.raw, &why))
         return refuse("invalid", why);
-    if (health_.state(t.station) == StationHealth::Offline)
+    if (health_.state(t.station) == kq71rt::StationState::Offline)
         return refuse("offline", QString("station %1 is offline").arg(t.station));
     if (writes_.size() >= options_.maxQueuedWrites)
         return refuse("busy", QString("%1 writes are waiting already").arg(writes_.size()));
@@ -391,7 +374,7 @@ void Bridge::startNextWrite()
     while (!writes_.isEmpty()) {
         current_ = writes_.dequeue();
         const Tag &t = tags_[current_.tag];
-        if (health_.state(t.station) == StationHealth::Offline) {
+        if (health_.state(t.station) == kq71rt::StationState::Offline) {
             answer(current_, false, "offline", QString("station %1 is offline").arg(t.station));
             continue;
         }

@@ -7,6 +7,7 @@
 #include "mqtt_client.h"
 #include "runtime.h"
 #include "tags.h"
+#include "value_status.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QJsonValue>
@@ -24,27 +25,6 @@ struct BridgeOptions {
     int maxQueuedWrites = 64;     // sets waiting for the line; more are answered "busy"
     int maxSetBytes = 1024;       // larger set payloads are refused unread
     qint64 writeTimeoutMs = 10000;  // a write not settled by then is answered "timeout"
-};
-
-// Whether each station answers: offline after a run of given-up jobs, online
-// at its next good reply, unknown until either.
-class StationHealth {
-public:
-    enum State { Unknown, Online, Offline };
-    explicit StationHealth(int offlineAfter) : offlineAfter_(offlineAfter) {}
-    // Each returns true when the station's state changed.
-    bool goodReply(int station);
-    bool givenUp(int station);
-    State state(int station) const { return stations_.value(station).state; }
-    QList<int> stations() const { return stations_.keys(); }
-
-private:
-    struct Station {
-        State state = Unknown;
-        int failures = 0;
-    };
-    int offlineAfter_;
-    QHash<int, Station> stations_;
 };
 
 struct BridgeStats {
@@ -124,7 +104,7 @@ private:
     QVector<Tag> tags_;
     QVector<TagState> state_;
     BridgeOptions options_;
-    StationHealth health_;
+    kq71rt::ValueStatus health_; // only its stations: offline after a run of given-up jobs
     BridgeStats stats_;
 
     // Tags by name, and by every unit they span: (station, register, address).

@@ -149,19 +149,6 @@ QString checkEntry(const QJsonValue &entry, const DriverLibrary &driver, const Q
 
 QString typeName(TagType type) { return QString::fromLatin1(info(type).name); }
 
-int Tag::dataType() const
-{
-    switch (kind) {
-    case UnitKind::Bit:
-        return -1;
-    case UnitKind::DoubleWord:
-        return 1;
-    default:
-        return 0;
-    }
-}
-
-int Tag::driverLength() const { return kind == UnitKind::DoubleWord ? 2 * units : units; }
 
 bool parseTags(const QByteArray &json, const DriverLibrary &driver, const QList<RegisterInfo> &catalogue,
                int defaultStation, QVector<Tag> *tags, QStringList *errors)

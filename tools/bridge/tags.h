@@ -39,8 +39,8 @@ struct Tag {
     int bit = -1;      // a bit of a word register (D100.5), or -1
 
     // As the driver's watch list and intf_getData / intf_setData take it.
-    int dataType() const;
-    int driverLength() const;
+    int dataType() const { return kq71rt::driverDataType(kind); }
+    int driverLength() const { return kq71rt::driverLength(kind, units); }
 };
 
 // Reads the tag file; every bad entry is reported as "tag N (name): reason".

@@ -36,7 +36,7 @@ const RegisterInfo *findRegister(const QList<RegisterInfo> &catalogue, const QSt
     return nullptr;
 }
 
-int TypedAddress::dataType() const
+int driverDataType(UnitKind kind)
 {
     switch (kind) {
     case UnitKind::Bit:
@@ -48,7 +48,7 @@ int TypedAddress::dataType() const
     }
 }
 
-int TypedAddress::driverLength() const { return kind == UnitKind::DoubleWord ? 2 * count : count; }
+int driverLength(UnitKind kind, int units) { return kind == UnitKind::DoubleWord ? 2 * units : units; }
 
 QString TypedAddress::unitName(int i) const { return kq71rt::unitName(regName, address + i); }
 

@@ -27,6 +27,12 @@ const RegisterInfo *findRegister(const QList<RegisterInfo> &catalogue, const QSt
 // Access modes handed to the driver's check.
 enum { ACCESS_READ = 0, ACCESS_WRITE = 1 };
 
+// A run of units as the driver's check and watch list take it: data type -1
+// for bits, 0 for 16-bit and 1 for 32-bit registers; the length in bits or
+// 16-bit words (two per 32-bit value).
+int driverDataType(UnitKind kind);
+int driverLength(UnitKind kind, int units);
+
 struct TypedAddress {
     QString text;      // as typed
     QString regName;
@@ -35,11 +41,8 @@ struct TypedAddress {
     int address = -1;  // the driver's number for addrText, once checked
     UnitKind kind = UnitKind::Unknown;
 
-    // The object as the driver's check and watch list take it: data type -1
-    // for bits, 0 for 16-bit and 1 for 32-bit registers; the length in bits
-    // or 16-bit words (two per 32-bit value).
-    int dataType() const;
-    int driverLength() const;
+    int dataType() const { return driverDataType(kind); }
+    int driverLength() const { return kq71rt::driverLength(kind, count); }
     QString unitName(int i) const;
 };
 

@@ -49,6 +49,8 @@ public:
     bool lastReadFailed(int station, const QString &reg, int address) const;
 
     StationState state(int station) const;
+    // The stations any job has ended for.
+    QList<int> stations() const { return stations_.keys(); }
     int givenUpInRow(int station) const;
     // Whether any job of any station has ended well.
     bool anyGood() const { return anyGood_; }
