@@ -71,8 +71,9 @@ set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "the driver library, as a panel runtime 
 set(CPACK_COMPONENT_DEV_DESCRIPTION "header, pkg-config file and CMake package for building a runtime against the driver")
 set(CPACK_COMPONENT_DEV_DEPENDS library)
 if(KQ71_QT STREQUAL "5")
-  set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS "libqt5core5a (>= 5.6)")
   set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "qtbase5-dev")
+  # dpkg-shlibdeps finds the library's own (Qt 5 Core, libstdc++); a cross
+  # build has no dpkg data for its Qt 4.
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
 else()
   set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "the driver library built against Qt 4.8.7; the panel provides Qt 4.8 QtCore")
