@@ -38,6 +38,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/include/vorn_kq71_ap.h DESTINATION ${CMAKE_I
 # The pkg-config file finds its prefix from where it lies, so that it holds
 # wherever cpack or --prefix put it, and in an unpacked sysroot.
 file(RELATIVE_PATH KQ71_PC_TO_PREFIX /p/${CMAKE_INSTALL_LIBDIR}/pkgconfig /p)
+string(REGEX REPLACE "/$" "" KQ71_PC_TO_PREFIX "${KQ71_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/vorn_kq71_ap.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vorn_kq71_ap.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn_kq71_ap.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
