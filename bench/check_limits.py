@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """Checks the driver's performance limits over Google Benchmark JSON output.
 
-    bench/check_limits.py RESULT.json... [--summary OUT.json] [--no-limits]
+    bench/check_limits.py RESULT.json... [--summary OUT.json] [--no-limits] [--qt4]
 
 Every figure is the median over the repetitions of one run, in CPU time, and
 every limit but two absolute ones is a ratio between figures of that run.
 Prints one line per limit and exits 1 when one is missed (2 when a benchmark
 is missing from the results). --no-limits prints the figures and checks only
 that every benchmark ran, for runs too short to judge (CI's quick run).
+--qt4: results of a build against Qt 4.8 (./dev qt4 bench): two limits are
+tighter there, and the line refresh, which needs the Qt 5 tools, is not run.
 """
 
 import argparse
@@ -68,8 +70,35 @@ class Figures:
         return statistics.median(r["counters"][key])
 
 
-def evaluate(runs):
+def line_refresh(f, limits, report, summary):
+    """The refresh of a watch list over the simulated line (Qt 5 builds only)."""
+    name = f"BM_LineRefresh/{BAUD}"
+    wire_us = f.counter(name, "wire_us")
+    cpu_us = f.cpu_ns(name) / 1e3
+    link_us = f.counter(name, "link_cpu_us")
+    utilisation = wire_us / (wire_us + cpu_us)
+    driver_only = wire_us / (wire_us + cpu_us - link_us)
+    summary.update(line_wire_ms=wire_us / 1e3, line_cpu_ms=cpu_us / 1e3, line_link_cpu_ms=link_us / 1e3,
+                   line_utilisation=utilisation, line_utilisation_without_link=driver_only,
+                   line_frames=f.counter(name, "frames"), line_bad_replies=f.counter(name, "bad_replies"))
+    limits.append((f"line use, 2,000-key refresh at {BAUD} baud",
+                   f"{100 * utilisation:.2f} %", ">= 90 %", utilisation >= 0.9))
+    bad = f.counter(name, "bad_replies")
+    limits.append(("bad replies in that refresh", f"{bad:g}", "0", bad == 0))
+    report.append(("refresh: frames, wire time, CPU time (of which in the simulated link)",
+                   f"{f.counter(name, 'frames'):.0f}, {wire_us / 1e3:.1f} ms, {cpu_us / 1e3:.2f} ms "
+                   f"({link_us / 1e3:.2f} ms)"))
+    report.append(("line use counting only the driver and the runtime", f"{100 * driver_only:.3f} %"))
+
+
+# The panel's Qt is slower on the hot paths: planning and the exchange get
+# tighter absolute limits there, so that the panel keeps the margin Qt 5 has.
+LIMITS = {5: {"merge_ms": 20, "wire_share": 1000}, 4: {"merge_ms": 15, "wire_share": 2000}}
+
+
+def evaluate(runs, qt=5):
     """Returns (limit rows, report rows, missing benchmarks, summary dict)."""
+    most = LIMITS[qt]
     f = Figures(runs)
     limits = []  # (what, figure text, limit text, ok)
     report = []  # (what, figure text)
@@ -90,36 +119,23 @@ def evaluate(runs):
 
     merge_ms = f.cpu_ns("BM_AddrMerge/20000") / 1e6
     summary["addr_merge_20000_ms"] = merge_ms
-    limits.append(("intf_addrMerge of 20,000 keys", f"{merge_ms:.1f} ms", "< 20 ms", merge_ms < 20))
+    limits.append(("intf_addrMerge of 20,000 keys", f"{merge_ms:.1f} ms", f"< {most['merge_ms']} ms",
+                   merge_ms < most["merge_ms"]))
 
     exchange_us = f.cpu_ns("BM_Exchange/100000") / 1e3
     share = exchange_us / EXCHANGE_WIRE_US
     summary["exchange_100000_us"] = exchange_us
     summary["exchange_wire_share"] = share
     limits.append((f"exchange, cache 100,000, of its {EXCHANGE_WIRE_US / 1e3:.1f} ms wire time",
-                   f"1/{1 / share:.0f} ({exchange_us:.1f} us)", "<= 1/1000", share <= 1e-3))
+                   f"1/{1 / share:.0f} ({exchange_us:.1f} us)", f"<= 1/{most['wire_share']}",
+                   share <= 1 / most["wire_share"]))
 
     per_unit = f.counter("BM_CacheMemory/100000", "bytes_per_unit")
     summary["cache_bytes_per_unit_100000"] = per_unit
     limits.append(("heap per cached unit, cache 100,000", f"{per_unit:.1f} B", "<= 128 B", per_unit <= 128))
 
-    name = f"BM_LineRefresh/{BAUD}"
-    wire_us = f.counter(name, "wire_us")
-    cpu_us = f.cpu_ns(name) / 1e3
-    link_us = f.counter(name, "link_cpu_us")
-    utilisation = wire_us / (wire_us + cpu_us)
-    driver_only = wire_us / (wire_us + cpu_us - link_us)
-    summary.update(line_wire_ms=wire_us / 1e3, line_cpu_ms=cpu_us / 1e3, line_link_cpu_ms=link_us / 1e3,
-                   line_utilisation=utilisation, line_utilisation_without_link=driver_only,
-                   line_frames=f.counter(name, "frames"), line_bad_replies=f.counter(name, "bad_replies"))
-    limits.append((f"line use, 2,000-key refresh at {BAUD} baud",
-                   f"{100 * utilisation:.2f} %", ">= 90 %", utilisation >= 0.9))
-    bad = f.counter(name, "bad_replies")
-    limits.append(("bad replies in that refresh", f"{bad:g}", "0", bad == 0))
-    report.append(("refresh: frames, wire time, CPU time (of which in the simulated link)",
-                   f"{f.counter(name, 'frames'):.0f}, {wire_us / 1e3:.1f} ms, {cpu_us / 1e3:.2f} ms "
-                   f"({link_us / 1e3:.2f} ms)"))
-    report.append(("line use counting only the driver and the runtime", f"{100 * driver_only:.3f} %"))
+    if qt == 5:
+        line_refresh(f, limits, report, summary)
     for label, fast, slow, key in (
         ("lookup, 128 units", "BM_LookupIndexed", "BM_LookupLinear", "lookup"),
         ("planning (watch list naming N units)", "BM_PlanMerge", "BM_PlanBubble", "planning"),
@@ -173,10 +189,11 @@ def main(argv):
     parser.add_argument("results", nargs="+")
     parser.add_argument("--summary", help="write the figures and ratios here as JSON")
     parser.add_argument("--no-limits", action="store_true", help="check only that every benchmark ran")
+    parser.add_argument("--qt4", action="store_true", help="results of a Qt 4.8 build: its limits, no line refresh")
     args = parser.parse_args(argv)
 
     runs, context = load(args.results)
-    limits, report, missing, summary = evaluate(runs)
+    limits, report, missing, summary = evaluate(runs, 4 if args.qt4 else 5)
     print()
     print_table(limits, ("limit", "figure".rjust(18), "limit".ljust(10), "result"))
     print()

@@ -4,7 +4,7 @@
 if(NOT TARGET kq71_reference)
   add_library(kq71_reference STATIC ${CMAKE_CURRENT_LIST_DIR}/reference_algorithms.cpp)
   target_include_directories(kq71_reference PUBLIC ${CMAKE_CURRENT_LIST_DIR} ${PROJECT_SOURCE_DIR}/tests/common)
-  target_link_libraries(kq71_reference PUBLIC kq71_static Qt5::Core)
+  target_link_libraries(kq71_reference PUBLIC kq71_static ${KQ71_QT_CORE})
   set_target_properties(kq71_reference PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON)
   target_compile_options(kq71_reference PRIVATE -Wall -Wextra -Werror)
 endif()

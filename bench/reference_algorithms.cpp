@@ -142,7 +142,11 @@ QList<KEY_ADDRESS> bubblePlan(QList<KEY_ADDRESS> keys, int mergeGap)
         for (int j = 0; j < n - 1 - pass; ++j) {
             if (w[size_t(j)] > w[size_t(j) + 1]) {
                 std::swap(w[size_t(j)], w[size_t(j) + 1]);
+#if QT_VERSION >= 0x050D00
                 keys.swapItemsAt(j, j + 1);
+#else
+                keys.swap(j, j + 1); // Qt 4's name for it
+#endif
                 swapped = true;
             }
         }

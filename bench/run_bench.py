@@ -2,13 +2,14 @@
 """Runs the benchmarks of a build, prints their medians and the limits, and
 writes the raw results (JSON), a summary and the scaling plot.
 
-    bench/run_bench.py BUILD_DIR [--quick] [--out DIR] [-- EXTRA BENCHMARK FLAGS]
+    bench/run_bench.py BUILD_DIR [--quick] [--qt4] [--out DIR] [-- EXTRA BENCHMARK FLAGS]
 
 Full run: 5 repetitions of every benchmark, randomly interleaved so that a
 burst of load on the shared machine spreads over all of them, then the limits
 (check_limits.py); exits non-zero when one is missed. --quick: one run of each
 benchmark with a tiny iteration count, to prove they build and run (CI);
-limits are not judged on it.
+limits are not judged on it. --qt4: a build against Qt 4.8, which has no line
+benchmark (it needs the Qt 5 tools) and tighter limits (check_limits.py).
 """
 
 import argparse
@@ -74,6 +75,7 @@ def main(argv):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build_dir")
     parser.add_argument("--quick", action="store_true", help="one tiny run of each benchmark; limits not judged")
+    parser.add_argument("--qt4", action="store_true", help="a Qt 4.8 build: driver benchmarks, Qt 4 limits")
     parser.add_argument("--out", help="where results go (default: BUILD_DIR/bench-results, "
                                       "and its quick/ for a quick run)")
     parser.add_argument("extra", nargs="*", help="more flags for the benchmark programs (after --)")
@@ -84,7 +86,7 @@ def main(argv):
     os.makedirs(out, exist_ok=True)
     flags = (QUICK if args.quick else FULL) + args.extra
     results = []
-    for program, tag in PROGRAMS:
+    for program, tag in PROGRAMS[:1] if args.qt4 else PROGRAMS:
         path = os.path.join(args.build_dir, "bench", program)
         if not os.access(path, os.X_OK):
             print(f"bench: {path} not built", file=sys.stderr)
@@ -103,7 +105,8 @@ def main(argv):
     print()
     print_medians(results)
     summary = os.path.join(out, "summary.json")
-    status = check_limits.main(results + ["--summary", summary] + (["--no-limits"] if args.quick else []))
+    status = check_limits.main(results + ["--summary", summary] + (["--no-limits"] if args.quick else [])
+                               + (["--qt4"] if args.qt4 else []))
     plot = os.path.join(out, "scaling.png")
     try:
         plot_status = plot_scaling.main([results[0], plot])

@@ -26,7 +26,8 @@ namespace {
 
 std::string latin(const QString &s)
 {
-    return s.toLocal8Bit().toStdString();
+    const QByteArray b = s.toLocal8Bit();
+    return std::string(b.constData(), size_t(b.size()));
 }
 
 // The address text as a number in the register's radix, or false.

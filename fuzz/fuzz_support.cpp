@@ -91,7 +91,8 @@ QString jobText(const VARIABLE &v)
 
 std::string latin(const QString &s)
 {
-    return s.toLocal8Bit().toStdString();
+    const QByteArray b = s.toLocal8Bit();
+    return std::string(b.constData(), size_t(b.size()));
 }
 
 } // namespace
@@ -288,13 +289,13 @@ void Runtime::setRecipeFlags(unsigned char write, unsigned char read)
 }
 
 QuietMessages::QuietMessages()
-    : previous_(qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {}))
+    : previous_(kq71test::installMessageSink([](QtMsgType, const QString &) {}))
 {
 }
 
 QuietMessages::~QuietMessages()
 {
-    qInstallMessageHandler(previous_);
+    kq71test::installMessageSink(previous_);
 }
 
 // --- call checks ----------------------------------------------------------------

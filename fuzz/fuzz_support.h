@@ -8,6 +8,7 @@
 #define KQ71_FUZZ_SUPPORT_H
 
 #include "vorn_kq71_ap.h"
+#include "../tests/qt_compat.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QMutex>
@@ -118,7 +119,7 @@ public:
     ~QuietMessages();
 
 private:
-    QtMessageHandler previous_;
+    kq71test::MessageSink previous_;
 };
 
 // --- invariants around calls ------------------------------------------------

@@ -154,6 +154,50 @@ static_assert(offsetof(_RCP_VAR_PRO, bufOffset) == offsetof(_RCP_VAR_PRO, length
 static_assert(offsetof(_RCP_VAR_PRO, reserved) == offsetof(_RCP_VAR_PRO, bufOffset) + 4, "_RCP_VAR_PRO.reserved");
 #undef KQ71_PIN
 
+/*
+ * Whole layouts per architecture: a QString is one pointer (4 bytes on 32-bit
+ * ARM panels, 8 on x86-64) and aligns the records to it. A runtime built with
+ * another compiler must see the same sizes and offsets.
+ */
+#define KQ71_AT(c, m, at) static_assert(offsetof(c, m) == (at), #c "." #m " offset")
+static_assert(sizeof(QString) == sizeof(void *), "QString is one pointer");
+#if defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ == 4
+KQ71_AT(VARIABLE, regName, 8);
+KQ71_AT(VARIABLE, address, 12);
+KQ71_AT(VARIABLE, data, 20);
+static_assert(sizeof(VARIABLE) == 1044, "VARIABLE size (32-bit)");
+KQ71_AT(KEY_ADDRESS, tag, 4);
+KQ71_AT(KEY_ADDRESS, regName, 16);
+KQ71_AT(KEY_ADDRESS, note, 20);
+KQ71_AT(KEY_ADDRESS, address, 24);
+KQ71_AT(KEY_ADDRESS, data, 36);
+static_assert(sizeof(KEY_ADDRESS) == 1060, "KEY_ADDRESS size (32-bit)");
+KQ71_AT(FRAME_PRO, var, 1044);
+static_assert(sizeof(FRAME_PRO) == 2088, "FRAME_PRO size (32-bit)");
+KQ71_AT(_RCP_VAR_PRO, regName, 8);
+KQ71_AT(_RCP_VAR_PRO, address, 12);
+KQ71_AT(_RCP_VAR_PRO, reserved, 24);
+static_assert(sizeof(_RCP_VAR_PRO) == 28, "_RCP_VAR_PRO size (32-bit)");
+#elif defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ == 8
+KQ71_AT(VARIABLE, regName, 8);
+KQ71_AT(VARIABLE, address, 16);
+KQ71_AT(VARIABLE, data, 24);
+static_assert(sizeof(VARIABLE) == 1048, "VARIABLE size (64-bit)");
+KQ71_AT(KEY_ADDRESS, tag, 8);
+KQ71_AT(KEY_ADDRESS, regName, 24);
+KQ71_AT(KEY_ADDRESS, note, 32);
+KQ71_AT(KEY_ADDRESS, address, 40);
+KQ71_AT(KEY_ADDRESS, data, 52);
+static_assert(sizeof(KEY_ADDRESS) == 1080, "KEY_ADDRESS size (64-bit)");
+KQ71_AT(FRAME_PRO, var, 1048);
+static_assert(sizeof(FRAME_PRO) == 2096, "FRAME_PRO size (64-bit)");
+KQ71_AT(_RCP_VAR_PRO, regName, 8);
+KQ71_AT(_RCP_VAR_PRO, address, 16);
+KQ71_AT(_RCP_VAR_PRO, reserved, 28);
+static_assert(sizeof(_RCP_VAR_PRO) == 32, "_RCP_VAR_PRO size (64-bit)");
+#endif
+#undef KQ71_AT
+
 extern "C" {
 
 /* Descriptive queries (any thread, any time). */

@@ -2,14 +2,13 @@
 
 #include <QtCore/QtGlobal>
 
-#include <string.h>
 #if QT_VERSION >= 0x050000
 #include <QtCore/QLoggingCategory>
 #endif
 
-QuotedDebugLine::QuotedDebugLine() : len_(0)
+QuotedDebugLine::QuotedDebugLine() : len_(1)
 {
-    text("\"");
+    buf_[0] = '"';
 }
 
 bool QuotedDebugLine::enabled()
@@ -23,13 +22,17 @@ bool QuotedDebugLine::enabled()
 #endif
 }
 
+// The pieces are a few bytes each and a planning call writes a line or two per
+// key: the appends copy byte by byte and keep the length in a local, which the
+// byte stores into buf_ would otherwise force back to memory each time.
+
 QuotedDebugLine &QuotedDebugLine::text(const char *s)
 {
     // Two bytes stay free for the closing quote and blank.
-    const size_t room = size_t(CAPACITY - 3 - len_);
-    const size_t n = strnlen(s, room);
-    memcpy(buf_ + len_, s, n);
-    len_ += int(n);
+    int n = len_;
+    while (*s && n < CAPACITY - 3)
+        buf_[n++] = *s++;
+    len_ = n;
     return *this;
 }
 
@@ -44,16 +47,21 @@ QuotedDebugLine &QuotedDebugLine::number(int n)
     } while (v);
     if (n < 0)
         digits[k++] = '-';
-    while (k && len_ < CAPACITY - 3)
-        buf_[len_++] = digits[--k];
+    int len = len_;
+    while (k && len < CAPACITY - 3)
+        buf_[len++] = digits[--k];
+    len_ = len;
     return *this;
 }
 
 QuotedDebugLine &QuotedDebugLine::name(const QString &s)
 {
     const QChar *c = s.constData();
-    for (int i = 0; i < s.size() && len_ < CAPACITY - 3; ++i)
-        buf_[len_++] = c[i].unicode() < 256 ? char(c[i].unicode()) : '?';
+    const int size = s.size();
+    int len = len_;
+    for (int i = 0; i < size && len < CAPACITY - 3; ++i)
+        buf_[len++] = c[i].unicode() < 256 ? char(c[i].unicode()) : '?';
+    len_ = len;
     return *this;
 }
 

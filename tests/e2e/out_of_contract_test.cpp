@@ -3,6 +3,7 @@
 // intf_initProperty. None may crash, hang or grow without bound; each gives
 // the code listed in docs/robustness.md.
 #include "entry_points.h"
+#include "../qt_compat.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QFile>
@@ -132,7 +133,7 @@ QByteArray goodReply(const FRAME_PRO &f)
 }
 
 // The driver's planning and write-queue lines would bury the test output.
-void quiet(QtMsgType type, const QMessageLogContext &, const QString &message)
+void quiet(QtMsgType type, const QString &message)
 {
     if (type != QtDebugMsg)
         fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
@@ -140,8 +141,8 @@ void quiet(QtMsgType type, const QMessageLogContext &, const QString &message)
 
 class OutOfContract : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { qInstallMessageHandler(quiet); }
-    static void TearDownTestSuite() { qInstallMessageHandler(nullptr); }
+    static void SetUpTestSuite() { kq71test::installMessageSink(quiet); }
+    static void TearDownTestSuite() { kq71test::installMessageSink(nullptr); }
 
     void SetUp() override
     {

@@ -4,6 +4,7 @@
 #include "driver_internals.h"
 #include "pty_pair.h"
 #include "register_table.h"
+#include "../qt_compat.h"
 
 #include <gtest/gtest.h>
 #include <modbus.h>
@@ -18,7 +19,7 @@ using Bytes = std::vector<uint8_t>;
 
 std::string hex(const uint8_t *b, size_t n)
 {
-    return QByteArray(reinterpret_cast<const char *>(b), int(n)).toHex(' ').toUpper().toStdString();
+    return kq71test::hexText(b, int(n));
 }
 
 // One libmodbus RTU context on the slave end of its own pty.

@@ -3,6 +3,8 @@
 #include "register_table.h"
 #include "test_support.h"
 
+#include <QtCore/QStringList>
+
 #include <climits>
 #include <cstdlib>
 
@@ -13,7 +15,7 @@ namespace {
 const int UNTOUCHED = 0x5A5A5A5A;
 
 QString q(const char *s) { return QString::fromLatin1(s); }
-QList<QString> names(const char *spaced) { return q(spaced).split(QLatin1Char(' '), Qt::SkipEmptyParts); }
+QList<QString> names(const char *spaced) { return q(spaced).split(QLatin1Char(' '), kq71test::SKIP_EMPTY_PARTS); }
 
 int checkAddr(const char *name, const char *text, int &address, int dataType, int count, int access = 0)
 {
@@ -200,7 +202,7 @@ TEST(MultiCopy, SeriesNumbersAndTextsInTheRegistersRadix)
         QVector<int> addresses{-9};
         QVector<QString> texts{q("old")};
         EXPECT_EQ(intf_multiCopy(&name, c.start, c.count, c.interval, &texts, &addresses), c.result);
-        EXPECT_EQ(addresses, QVector<int>{-9} + QVector<int>(c.addresses.begin(), c.addresses.end()));
+        EXPECT_EQ(addresses, QVector<int>{-9} + kq71test::qtContainer<QVector<int>>(c.addresses.begin(), c.addresses.end()));
         EXPECT_EQ(texts.toList(), names("old") + names(c.texts));
     }
     // A runaway count is cut to 65536 entries and reported as not as asked.
@@ -229,8 +231,8 @@ TEST(MultiCopy, TextFollowsTheFormatsLetter)
         QVector<QString> t;
         QVector<int> a;
         EXPECT_EQ(multiCp(q("D"), q(c.format), c.start, 2, 1, t, a, 0x1ff, q("1ff")), c.result) << c.format;
-        EXPECT_EQ(a, QVector<int>(c.addresses.begin(), c.addresses.end())) << c.format;
-        EXPECT_EQ(t, QVector<QString>(c.texts.begin(), c.texts.end())) << c.format;
+        EXPECT_EQ(a, kq71test::qtContainer<QVector<int>>(c.addresses.begin(), c.addresses.end())) << c.format;
+        EXPECT_EQ(t, kq71test::qtContainer<QVector<QString>>(c.texts.begin(), c.texts.end())) << c.format;
     }
 }
 

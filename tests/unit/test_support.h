@@ -5,6 +5,7 @@
 #define KQ71_TEST_SUPPORT_H
 
 #include "driver_internals.h"
+#include "../qt_compat.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QMutex>
@@ -32,10 +33,7 @@ inline Bytes hexBytes(const char *text)
     const QByteArray b = QByteArray::fromHex(QByteArray(text));
     return Bytes(b.begin(), b.end());
 }
-inline std::string hexText(const unsigned char *bytes, int count)
-{
-    return QByteArray(reinterpret_cast<const char *>(bytes), count).toHex(' ').toUpper().toStdString();
-}
+using kq71test::hexText;
 inline Bytes withCrc(Bytes b)
 {
     const unsigned short crc = computate_check(b.data(), static_cast<unsigned short>(b.size()));
@@ -144,12 +142,12 @@ struct FakePlc {
 // Captures Qt debug lines without the quotes of the debug stream (or drops them).
 class DebugCapture {
 public:
-    explicit DebugCapture(bool keep = true) : prev_(qInstallMessageHandler(&handler))
+    explicit DebugCapture(bool keep = true) : prev_(kq71test::installMessageSink(&handler))
     {
         lines().clear();
         keeping() = keep;
     }
-    ~DebugCapture() { qInstallMessageHandler(prev_); }
+    ~DebugCapture() { kq71test::installMessageSink(prev_); }
     std::vector<std::string> startingWith(const std::string &prefix) const
     {
         std::vector<std::string> out;
@@ -162,7 +160,7 @@ public:
 private:
     static std::vector<std::string> &lines() { static std::vector<std::string> l; return l; }
     static bool &keeping() { static bool k; return k; }
-    static void handler(QtMsgType type, const QMessageLogContext &, const QString &msg)
+    static void handler(QtMsgType type, const QString &msg)
     {
         static std::mutex mu;
         std::lock_guard<std::mutex> g(mu);
@@ -170,7 +168,7 @@ private:
         if (type == QtDebugMsg && keeping())
             lines().push_back((t.startsWith(QLatin1Char('"')) ? t.mid(1, t.size() - 2) : t).toStdString());
     }
-    QtMessageHandler prev_;
+    kq71test::MessageSink prev_;
 };
 
 class DriverTest : public ::testing::Test {
@@ -209,7 +207,7 @@ protected:
     }
     int watch(const std::vector<KEY_ADDRESS> &keys)
     {
-        QList<KEY_ADDRESS> list(keys.begin(), keys.end());
+        QList<KEY_ADDRESS> list = kq71test::qtContainer<QList<KEY_ADDRESS>>(keys.begin(), keys.end());
         return intf_addrMerge(&list);
     }
     // intf_getData of `bytes` bytes; guard bytes after them must stay untouched.

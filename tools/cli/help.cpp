@@ -25,7 +25,7 @@ const char LINK_OPTIONS[] =
 
 const char DRIVER_OPTIONS[] =
     "Driver:\n"
-    "  --driver FILE             the driver library (default: $KQ71_DRIVER, next to kq71, or the build's)\n"
+    "  --driver FILE             the driver library (default: $KQ71_DRIVER, next to kq71, the build's, or the installed one)\n"
     "  --station N               PLC station (1)\n"
     "  --retries N               sends of one frame before its job is given up (3)\n"
     "  --gap N                   largest address gap bridged when merging reads (16)\n"

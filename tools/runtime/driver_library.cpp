@@ -30,7 +30,8 @@ QString DriverLibrary::locate(const QString &explicitPath)
         if (QFileInfo::exists(beside))
             return beside;
     }
-    return QString::fromLocal8Bit(KQ71_BUILT_DRIVER);
+    const QString built = QString::fromLocal8Bit(KQ71_BUILT_DRIVER);
+    return QFileInfo::exists(built) ? built : QString::fromLatin1(KQ71_DRIVER_SONAME);
 }
 
 bool DriverLibrary::load(const QString &path, QString *error)
