@@ -45,6 +45,21 @@ bool splitBitInWord(const QString &regName, QString *wordRegister)
     return true;
 }
 
+bool takesBitsInWords(const QString &regName, QString *wordRegister)
+{
+    QString word;
+    if (!splitBitInWord(regName, &word) || registerTraits(word).unitBits != UNIT_WORD)
+        return false;
+    if (wordRegister)
+        *wordRegister = word;
+    return true;
+}
+
+QString bitInWordName(const QString &wordRegister)
+{
+    return wordRegister + QString::fromLatin1("_bit");
+}
+
 WordSpan wordsHoldingBits(int bitAddress, qint64 bits)
 {
     const int k = BITS_PER_WORD;

@@ -2,6 +2,7 @@
 #include "vorn_kq71_ap.h"
 #include "addr_merge.h"
 #include "data_area.h"
+#include "bit_in_word.h"
 #include "job_queue.h"
 
 // Pieces longer than this would ask for more units than a request's 16-bit
@@ -14,8 +15,11 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
         return 0;
     ServiceLock lock;
     const int limit = qMin(configuredPieceLimit(key->dataType == -1), int(MAX_CONDITION_PIECE));
-    QString wordRegister;
-    const bool bitInWord = kq71::splitBitInWord(key->regName, &wordRegister);
+    BitRange bits;
+    const BitNameKind kind = bitsInWordRange(key->regName, key->address, key->length, &bits);
+    if (kind == REFUSED_BITS_IN_WORD)
+        return 0;
+    const bool bitInWord = kind == BITS_IN_WORD;
     const kq71::RegisterTraits traits = kq71::registerTraits(key->regName);
 
     // A key that names no unit reads nothing; a longer one is cut into pieces,
@@ -32,7 +36,7 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
         if (bitInWord) {
             // Bits inside words: read the whole words that hold them.
             const kq71::WordSpan words = kq71::wordsHoldingBits(pieceAddress, pieceLength);
-            job.regName = wordRegister;
+            job.regName = bits.area;
             job.address = words.address;
             job.length = words.length;
         } else {

@@ -2,6 +2,7 @@
 // giving up, and the bookkeeping when a job ends.
 #include "vorn_kq71_ap.h"
 #include "exchange_cycle.h"
+#include "bit_in_word.h"
 #include "change_notify.h"
 #include "driver_state.h"
 #include "error_text.h"
@@ -117,8 +118,10 @@ void dealListWhenFinish()
             if (isLastConditionAdded(driver.conditionReads.first()))
                 reportValueChange(-1, -1, QString::fromLatin1("-1"), driver.lastJobFailed == 1 ? -1 : 0);
             // The report may have re-entered the driver: look at the list again.
-            if (driver.lastJobFailed == 1)
+            if (driver.lastJobFailed == 1) {
                 driver.conditionReads.clear();
+                giveUpHeldBitWrites(); // the reads they waited for are gone
+            }
             else if (!driver.conditionReads.isEmpty())
                 driver.conditionReads.removeFirst();
         }
