@@ -16,11 +16,11 @@
 
 // One cached unit of PLC memory (a bit, a word or a double word).
 struct _DATA_ {
-    quint8 spareFlag;
+    quint8 spareFlag;        // words: WORD_SEEN, WORD_BITS_HELD (bit_in_word.h)
     quint8 writePending;     // writtenValue stands and its write has not completed
-    qint32 bitWritePending;  // reserved for bit writes inside a unit; always 0 here
+    qint32 bitWritePending;  // words: bits written and pending (bit n), their values (bit 16 + n)
     qint32 monitorFlags;     // bit 0: the unit is watched
-    qint32 bitMonitorMask;   // reserved for bits watched inside a unit; always 0 here
+    qint32 bitMonitorMask;   // words: bit n of the word is watched on its own
     qint32 station;
     QString regName;
     qint32 address;
