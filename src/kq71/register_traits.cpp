@@ -48,7 +48,9 @@ bool splitBitInWord(const QString &regName, QString *wordRegister)
 bool takesBitsInWords(const QString &regName, QString *wordRegister)
 {
     QString word;
-    if (!splitBitInWord(regName, &word) || registerTraits(word).unitBits != UNIT_WORD)
+    // The word register's name is all that comes before the suffix.
+    if (!splitBitInWord(regName, &word) || word.isEmpty() || word.size() + 4 != regName.size() ||
+        registerTraits(word).unitBits != UNIT_WORD)
         return false;
     if (wordRegister)
         *wordRegister = word;
