@@ -8,6 +8,7 @@
 #include "register_traits.h"
 #include "set_data.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -98,6 +99,7 @@ void fallBack(int index)
     unit.writePending = 0;
     unit.bitWritePending = 0;
     unit.spareFlag = quint8(unit.spareFlag & ~WORD_BITS_HELD);
+    driver.heldBitWriteIds.remove(index);
     const int after = packed(shownWord(unit));
     const int station = unit.station;
     const int word = unit.address;
@@ -241,6 +243,7 @@ void writeBitsInWords(int station, const QString &regName, const BitRange &bits,
             } else if (!(unit.spareFlag & WORD_BITS_HELD)) {
                 // Never read: the write waits for the word's value.
                 unit.spareFlag |= WORD_BITS_HELD;
+                driver.heldBitWriteIds.insert(idx, id);
                 if (!reads.continues(w.word)) {
                     if (!reads.empty())
                         queueWordsRead(station, bits.area, reads.first(), reads.words(), id);
@@ -274,10 +277,11 @@ void keepPendingBits(_DATA_ &unit)
     unit.writePending = 1;
 }
 
-void releaseHeldBitWrite(int index, int id)
+void releaseHeldBitWrite(int index)
 {
     _DATA_ &unit = driver.dataAreas[index];
     unit.spareFlag = quint8(unit.spareFlag & ~WORD_BITS_HELD);
+    const int id = driver.heldBitWriteIds.take(index);
     if (unit.bitWritePending == 0)
         return; // settled meanwhile
     keepPendingBits(unit);
@@ -309,8 +313,12 @@ bool settleBitWrite(int index, bool success)
 
 void giveUpHeldBitWrites()
 {
-    for (int i = 0; i < driver.dataAreas.size(); ++i) {
-        if (driver.dataAreas.at(i).spareFlag & WORD_BITS_HELD)
-            fallBack(i); // reports; the loop bound is read again
+    QList<int> held = driver.heldBitWriteIds.keys();
+    std::sort(held.begin(), held.end());
+    for (int k = 0; k < held.size(); ++k) {
+        const int i = held.at(k);
+        // An earlier report may have re-entered and cleared or settled it.
+        if (i < driver.dataAreas.size() && (driver.dataAreas.at(i).spareFlag & WORD_BITS_HELD))
+            fallBack(i);
     }
 }

@@ -46,8 +46,9 @@ void writeBitsInWords(int station, const QString &regName, const BitRange &bits,
 // A read reply stored a new readValue in a word whose bits are pending: its
 // written value takes the reply's other bits and keeps the pending ones.
 void keepPendingBits(_DATA_ &unit);
-// A read reply reached a word whose bit write waited for it: queue the write.
-void releaseHeldBitWrite(int index, int id);
+// A read reply reached a word whose bit write waited for it: queue the write,
+// tagged with the id of the bit write.
+void releaseHeldBitWrite(int index);
 // A write of the word at this position ended. Returns false when no bits of
 // the word were pending (the caller settles it as a word); otherwise settles
 // them, unless a later queued write of the word carries them on.

@@ -6,6 +6,7 @@
 #include "vorn_kq71_ap.h"
 #include "data_index.h"
 
+#include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QMutex>
 #include <QtCore/QPair>
@@ -94,6 +95,9 @@ public:
     // For each recipe block, the items it covers (first item index, item count).
     // Filled beside rcpBlockStarts, so items cut over several blocks stay placed.
     QVector<QPair<int, int> > rcpBlockItems;
+    // Bit writes waiting for their word's first read: cache position -> the
+    // write's id, which the word write carries once the word is read.
+    QHash<int, int> heldBitWriteIds;
 
     Protocol();
     ~Protocol();

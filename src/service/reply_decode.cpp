@@ -80,7 +80,7 @@ void decodeWords(const ReplyBytes &reply, const UnitRange &r, int pos, const VAR
         }
         // The report may have re-entered and cleared the cache.
         if (held && idx < driver.dataAreas.size() && (driver.dataAreas.at(idx).spareFlag & WORD_BITS_HELD))
-            releaseHeldBitWrite(idx, var.id);
+            releaseHeldBitWrite(idx);
     }
 }
 

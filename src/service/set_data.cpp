@@ -155,7 +155,10 @@ void write_saveDataToArea(int station, const QString &regName, int address, int 
         // The whole word is written now: bits written before it no longer
         // stand on their own.
         unit.bitWritePending = 0;
-        unit.spareFlag = quint8(unit.spareFlag & ~WORD_BITS_HELD);
+        if (unit.spareFlag & WORD_BITS_HELD) {
+            unit.spareFlag = quint8(unit.spareFlag & ~WORD_BITS_HELD);
+            driver.heldBitWriteIds.remove(idx);
+        }
     }
 }
 

@@ -185,13 +185,14 @@ TEST_F(BitsInWords, GivenUpBitsFallBackAndReportLikeAnyGivenUpWrite)
 TEST_F(BitsInWords, BitOfAWordNeverReadIsWrittenAfterTheWordIsRead)
 {
     plc.regs[D100] = 0x1234;
-    set(1, "D_bit", 1600, 1, {1});
+    set(1, "D_bit", 1600, 1, {1}, 42);
     EXPECT_EQ(bitReports({1600}), reports());
     FRAME_PRO sent;
     EXPECT_EQ(1, step(&sent));
     EXPECT_EQ(withCrc(hexBytes("01 03 43 9C 00 01")), sentBytes(sent));
     EXPECT_EQ(1, step(&sent));
     EXPECT_EQ(withCrc(hexBytes("01 06 43 9C 12 35")), sentBytes(sent));
+    EXPECT_EQ(42, sent.var.id); // the word write carries the bit write's id
     EXPECT_EQ(-1, step());
     EXPECT_EQ(0x1235, shown(100));
     EXPECT_EQ(0, unit("D", 100).writePending);
