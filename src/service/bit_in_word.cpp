@@ -89,34 +89,60 @@ void reportBits(int station, const QString &name, int word, quint16 bits)
     }
 }
 
-// Given up: the word shows its read value again; the word reports when
-// watched, and every bit that was pending reports, as a given-up bit does.
-void fallBack(int index)
+// The bits of `carried` settle: success (the PLC holds `sent`) or given up
+// (they fall back to the read value and report as given-up bits do). Bits
+// still pending outside `carried` belong to a later write and stay.
+void settleBits(int index, quint16 carried, bool success, const quint16 *sent)
 {
     _DATA_ &unit = driver.dataAreas[index];
-    const int before = packed(shownWord(unit));
-    const quint16 bits = pendingMask(unit);
-    unit.writePending = 0;
-    unit.bitWritePending = 0;
-    unit.spareFlag = quint8(unit.spareFlag & ~WORD_BITS_HELD);
-    driver.heldBitWriteIds.remove(index);
-    const int after = packed(shownWord(unit));
+    const quint16 before = shownWord(unit);
+    if (success) {
+        storeWord(sent ? *sent : storedWord(unit.writtenValue), unit.readValue);
+        unit.spareFlag |= WORD_SEEN;
+    }
+    const quint16 remaining = quint16(pendingMask(unit) & ~carried);
+    unit.bitWritePending = qint32((quint32(pendingValues(unit) & remaining) << K) | remaining);
+    if (remaining) {
+        keepPendingBits(unit);
+    } else {
+        unit.writePending = 0;
+        // Nothing of the written value stands any more.
+        unit.writtenValue[0] = unit.readValue[0];
+        unit.writtenValue[1] = unit.readValue[1];
+    }
+    if (remaining == 0 && (unit.spareFlag & WORD_BITS_HELD)) {
+        unit.spareFlag = quint8(unit.spareFlag & ~WORD_BITS_HELD);
+        driver.heldBitWriteIds.remove(index);
+    }
+    const int old = packed(before), now = packed(shownWord(unit));
     const int station = unit.station;
     const int word = unit.address;
     const QString name = kq71::bitInWordName(unit.regName);
-    _wordDataChange(&before, &after, index, REPORT_WORD_ONLY);
-    reportBits(station, name, word, bits);
+    if (success) {
+        // What the PLC holds now may differ from what was shown in bits the
+        // write carried from an older read: the read-modify-write window.
+        if (old != now)
+            _wordDataChange(&old, &now, index, REPORT_WORD_AND_BITS);
+        return;
+    }
+    if (old != now)
+        _wordDataChange(&old, &now, index, REPORT_WORD_ONLY);
+    reportBits(station, name, word, carried);
 }
 
-bool laterWriteQueued(const _DATA_ &unit)
+// The value the write job now ending sent for this word: the head of the
+// write queue until the cycle removes it.
+bool sentWord(const _DATA_ &unit, quint16 *value)
 {
-    for (int i = 1; i < driver.writeJobs.size(); ++i) {
-        const VARIABLE &job = driver.writeJobs.at(i);
-        if (job.station == unit.station && job.address <= unit.address &&
-            qint64(unit.address) < qint64(job.address) + job.length && job.regName == unit.regName)
-            return true;
-    }
-    return false;
+    if (driver.writeJobs.isEmpty())
+        return false;
+    const VARIABLE &job = driver.writeJobs.first();
+    const qint64 offset = qint64(unit.address) - job.address;
+    if (job.station != unit.station || offset < 0 || offset >= job.length || 2 * offset + 1 >= KQ71_DATA_BYTES ||
+        job.regName != unit.regName)
+        return false;
+    *value = quint16(job.data[2 * offset] | job.data[2 * offset + 1] << 8);
+    return true;
 }
 
 // Consecutive words that a write queues together.
@@ -294,20 +320,20 @@ void releaseHeldBitWrite(int index)
 
 bool settleBitWrite(int index, bool success)
 {
-    _DATA_ &unit = driver.dataAreas[index];
+    const _DATA_ &unit = driver.dataAreas.at(index);
     if (unit.bitWritePending == 0)
         return false;
-    if (laterWriteQueued(unit))
-        return true; // the later write carries these bits and settles them
-    if (!success) {
-        fallBack(index);
+    quint16 sent = 0;
+    if (!sentWord(unit, &sent)) {
+        // Not the queue's head (the lists were changed under the exchange):
+        // settle every pending bit.
+        settleBits(index, pendingMask(unit), success, 0);
         return true;
     }
-    unit.readValue[0] = unit.writtenValue[0];
-    unit.readValue[1] = unit.writtenValue[1];
-    unit.writePending = 0;
-    unit.bitWritePending = 0;
-    unit.spareFlag |= WORD_SEEN;
+    // The pending bits whose value this write sent; the others were written
+    // after it was built and wait for their own write.
+    const quint16 carried = quint16(pendingMask(unit) & ~(pendingValues(unit) ^ sent));
+    settleBits(index, carried, success, &sent);
     return true;
 }
 
@@ -319,6 +345,6 @@ void giveUpHeldBitWrites()
         const int i = held.at(k);
         // An earlier report may have re-entered and cleared or settled it.
         if (i < driver.dataAreas.size() && (driver.dataAreas.at(i).spareFlag & WORD_BITS_HELD))
-            fallBack(i);
+            settleBits(i, pendingMask(driver.dataAreas.at(i)), false, 0);
     }
 }

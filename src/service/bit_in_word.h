@@ -50,8 +50,10 @@ void keepPendingBits(_DATA_ &unit);
 // tagged with the id of the bit write.
 void releaseHeldBitWrite(int index);
 // A write of the word at this position ended. Returns false when no bits of
-// the word were pending (the caller settles it as a word); otherwise settles
-// them, unless a later queued write of the word carries them on.
+// the word were pending (the caller settles it as a word). Otherwise the word
+// takes the value the write sent (on success), and the pending bits whose
+// value it sent settle; bits written after the write was built stay pending
+// for their own write.
 bool settleBitWrite(int index, bool success);
 // The reads that held bit writes waited for were dropped: give those writes up.
 void giveUpHeldBitWrites();

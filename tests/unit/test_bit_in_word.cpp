@@ -106,11 +106,14 @@ TEST_F(BitsInWords, WrittenBitGoesOutInAWordWriteAndOutlivesAReplyUntilItSettles
     EXPECT_EQ(bitReports({1600}), reports());
     EXPECT_EQ((Bytes{1, 0, 0, 0, 0, 1}), get(1, "D_bit", 1600, 6, 6));
 
+    // The write carried bit 0 from the older read: the read-modify-write
+    // window. The word shows what the PLC now holds, and bit 0 reports.
     EXPECT_EQ(1, answerWith(plc.answer(write)));
     EXPECT_EQ(0x0F20, plc.regs[D100]);
+    EXPECT_EQ(0x0F20, shown(100));
     EXPECT_EQ(0, unit("D", 100).writePending);
     EXPECT_EQ(0, unit("D", 100).bitWritePending);
-    EXPECT_TRUE(reports().empty());
+    EXPECT_EQ(bitReports({1600}), reports());
 }
 
 TEST_F(BitsInWords, BitsOfSeveralWordsGoInOneWriteAndLeaveTheOtherBits)
@@ -130,23 +133,41 @@ TEST_F(BitsInWords, BitsOfSeveralWordsGoInOneWriteAndLeaveTheOtherBits)
     EXPECT_EQ(0x0001, plc.regs[D100 + 1]);
 }
 
-TEST_F(BitsInWords, LaterWriteOfTheSameWordCarriesTheEarlierBits)
+TEST_F(BitsInWords, BitsWrittenAfterAWriteWasBuiltWaitForTheirOwnWrite)
 {
-    watch({key(1, "D", 100, 1)});
-    ASSERT_EQ(1, step());
-    set(1, "D_bit", 1605, 1, {1});
-    const FRAME_PRO first = nextFrame();
-    set(1, "D_bit", 1606, 1, {1});
-    EXPECT_EQ(1, answerWith(plc.answer(first)));
-    // Bit 6 still waits for its write: a reply without it keeps it.
-    replyOfWords(100, {0x0020});
-    EXPECT_EQ(0x0060, shown(100));
-    EXPECT_EQ(1, unit("D", 100).writePending);
-    FRAME_PRO second;
-    EXPECT_EQ(1, step(&second));
-    EXPECT_EQ(0x06, second.frame[1]);
-    EXPECT_EQ(0x0060, plc.regs[D100]);
-    EXPECT_EQ(0, unit("D", 100).bitWritePending);
+    const struct {
+        const char *what;
+        QByteArray firstAnswer; // empty: the PLC acknowledges
+        int shownBetween;       // after the first write ended and a reply without bit 6
+    } cases[] = {
+        {"the first write acknowledged", {}, 0x0060},
+        {"the first write given up", WRITE_REFUSED, 0x0040},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        configure("1#0#0#1#10");
+        watch({key(1, "D", 100, 1)});
+        plc.regs.clear();
+        ASSERT_EQ(1, step());
+        set(1, "D_bit", 1605, 1, {1});
+        const FRAME_PRO first = nextFrame();
+        set(1, "D_bit", 1606, 1, {1});
+        reports();
+        EXPECT_EQ(c.firstAnswer.isEmpty() ? 1 : 2, answerWith(c.firstAnswer.isEmpty() ? plc.answer(first) : c.firstAnswer));
+        // Bit 6 still waits for its write: a reply without it keeps it.
+        replyOfWords(100, {quint16(c.firstAnswer.isEmpty() ? 0x0020 : 0)});
+        EXPECT_EQ(c.shownBetween, shown(100));
+        EXPECT_EQ(1, unit("D", 100).writePending);
+        if (!c.firstAnswer.isEmpty())
+            EXPECT_EQ((Reports{{1, 1, "D", 100}, {1, 1, "D_bit", 1605}}), reports());
+        // The second write was built with both bits.
+        FRAME_PRO second;
+        EXPECT_EQ(1, step(&second));
+        EXPECT_EQ(0x06, second.frame[1]);
+        EXPECT_EQ(0x0060, plc.regs[D100]);
+        EXPECT_EQ(0x0060, shown(100));
+        EXPECT_EQ(0, unit("D", 100).bitWritePending);
+    }
 }
 
 TEST_F(BitsInWords, GivenUpBitsFallBackAndReportLikeAnyGivenUpWrite)
