@@ -308,9 +308,11 @@ void Program::getData(int station, QString name, int address, int length, bool w
     if (result != (withBuffer && !refusedBits(name, address) ? 1 : 0))
         fail("intf_getData returned %d for %s", result, latin(name).c_str());
     if (result == 1 && bitInWordKind(name) > 0) {
-        for (int i = 0; i < getDataBytes(name, length); ++i)
+        // The bits a call may name: at most 65536, none past the last address.
+        const qint64 named = qMin<qint64>(unitsNamed(length), qint64(2147483647) - address + 1);
+        for (qint64 i = 0; i < named; ++i)
             if (values[i] > 1)
-                fail("intf_getData gave %d for bit %d of %s", values[i], i, latin(name).c_str());
+                fail("intf_getData gave %d for bit %lld of %s", values[i], (long long)i, latin(name).c_str());
     }
     free(values);
 }

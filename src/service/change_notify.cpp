@@ -10,6 +10,18 @@ void reportValueChange(int deviceId, int station, const QString &regName, int ad
 }
 
 namespace {
+// The bit-in-word name of the word register reported last: a refresh reports
+// bits of one register after another, and the name is made once for them.
+const QString &bitNameOf(const QString &area)
+{
+    static QString lastArea, lastName;
+    if (lastName.isEmpty() || area != lastArea) {
+        lastArea = area;
+        lastName = kq71::bitInWordName(area);
+    }
+    return lastName;
+}
+
 // The record is copied out before the call: the callback may read the cache,
 // which can append records and so move the list's storage.
 void reportIfWatched(int index)
@@ -46,7 +58,7 @@ void _wordDataChange(const int *oldValue, const int *newValue, int index, int mo
     reportIfWatched(index);
     if (!bits)
         return;
-    const QString name = kq71::bitInWordName(area);
+    const QString name = bitNameOf(area);
     for (int b = 0; b < kq71::BITS_PER_WORD; ++b) {
         if (bits & (1u << b))
             reportValueChange(driver.deviceId, station, name, word * kq71::BITS_PER_WORD + b);
