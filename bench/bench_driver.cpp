@@ -296,6 +296,51 @@ void BM_ExchangeRoundRobin(benchmark::State &state)
 }
 BENCHMARK(BM_ExchangeRoundRobin)->Arg(100000);
 
+// One refresh of a watch list: every block of its plan sent and answered,
+// a third of the words changing, against a cache of 100,000 units. The list
+// names either 10,000 bits inside words (D_bit 0..9999, 625 words) or the 625
+// words that hold them; the plan is the same, the watched objects differ.
+void refreshOfWatch(benchmark::State &state, const KEY_ADDRESS &watched)
+{
+    configure();
+    fillCache(100000);
+    QList<KEY_ADDRESS> watch;
+    watch.append(watched);
+    const int jobs = intf_addrMerge(&watch);
+    std::vector<QByteArray> replies[2];
+    QString error;
+    for (int j = 0; j < jobs; ++j) {
+        const FRAME_PRO f = nextFrame();
+        replies[0].push_back(replyFor(f, 0));
+        replies[1].push_back(replyFor(f, 1));
+        intf_dealRcvFrame(&replies[0].back(), &error);
+    }
+    FRAME_PRO frame;
+    int round = 1;
+    reportCount = 0;
+    for (auto _ : state) {
+        for (int j = 0; j < jobs; ++j) {
+            intf_getSendFrame(&frame);
+            benchmark::DoNotOptimize(intf_dealRcvFrame(&replies[round & 1][size_t(j)], &error));
+        }
+        ++round;
+    }
+    showCounts(state, reportCount);
+    state.counters["blocks"] = jobs;
+}
+
+void BM_RefreshBitsInWords(benchmark::State &state)
+{
+    refreshOfWatch(state, key(1, "D_bit", 0, 10000, -1));
+}
+BENCHMARK(BM_RefreshBitsInWords);
+
+void BM_RefreshWords(benchmark::State &state)
+{
+    refreshOfWatch(state, key(1, "D", 0, 625));
+}
+BENCHMARK(BM_RefreshWords);
+
 // --- planning -----------------------------------------------------------------
 
 // intf_addrMerge of a watch list: marks, plan and debug lines.

@@ -114,6 +114,8 @@ def evaluate(runs, qt=5):
           "BM_GetData/100000", "BM_GetData/1000", 1.5)
     ratio("intf_setData 16 words: cache 100,000 / 1,000", "set_data_ratio",
           "BM_SetData/100000", "BM_SetData/1000", 1.5)
+    ratio("refresh: 10,000 bits in words / the 625 words holding them", "bits_in_words_refresh_ratio",
+          "BM_RefreshBitsInWords", "BM_RefreshWords", 1.5)
     ratio("intf_addrMerge: 20,000 / 2,000 keys", "addr_merge_ratio",
           "BM_AddrMerge/20000", "BM_AddrMerge/2000", 15)
 

@@ -14,7 +14,9 @@
 //   4 intf_getSendFrame
 //   5 intf_dealRcvFrame: a reply to the frame handed out last (makeReply)
 //   6 intf_getData, 7 intf_setData: any station, name, address, and lengths
-//     up to 70000 with a buffer of exactly the contract size (or none)
+//     up to 70000 with a buffer of exactly the contract size (or none); bits
+//     in words ("D_bit") read as bytes of 0 or 1, a refused bit-in-word name
+//     returns 0, and no job ever carries a bit-in-word name
 //   8 the callback: none, checking, or checking and reading each unit back
 //   9 the recipe flags in shared memory
 //  10 up to 16 exchanges answered with good replies
@@ -78,7 +80,32 @@ qint64 piecesOf(qint64 units, bool wordByWord)
 
 bool interleaved(const QString &name)
 {
-    return name == QLatin1String("V") || name == QLatin1String("Z");
+    return name == QLatin1String("V") || name == QLatin1String("Z") || name == QLatin1String("V_bit") ||
+           name == QLatin1String("Z_bit");
+}
+
+std::string latin(const QString &s)
+{
+    return s.toLocal8Bit().toStdString();
+}
+
+// The calls a bit-in-word name refuses: one the driver does not take, or a
+// negative bit number.
+bool refusedBits(const QString &name, int address)
+{
+    const int kind = bitInWordKind(name);
+    return kind < 0 || (kind > 0 && address < 0);
+}
+
+// Jobs are always of word registers: bits in words are read and written as
+// the words holding them.
+void checkNoBitJobs(const char *what)
+{
+    const QList<VARIABLE> *queues[] = {&driver.writeJobs, &driver.conditionReads, &driver.cyclicReads};
+    for (size_t q = 0; q < 3; ++q)
+        for (int i = 0; i < queues[q]->size(); ++i)
+            if (bitInWordKind(queues[q]->at(i).regName) != 0)
+                fail("%s queued a job of %s", what, latin(queues[q]->at(i).regName).c_str());
 }
 
 class Program {
@@ -191,6 +218,7 @@ void Program::watch(QList<KEY_ADDRESS> keys)
     }
     if (jobs != driver.cyclicReads.size())
         fail("intf_addrMerge returned %d for %d cyclic reads", jobs, driver.cyclicReads.size());
+    checkNoBitJobs("intf_addrMerge");
     for (int i = 0; i < driver.cyclicReads.size(); ++i) {
         const VARIABLE &v = driver.cyclicReads.at(i);
         if (v.length < 1 || v.length > MAX_BLOCK_UNITS)
@@ -203,6 +231,7 @@ void Program::condition(KEY_ADDRESS k, int id)
     const qint64 units = unitsNamed(k.length);
     if (!spend(units + UNITS_PER_PIECE * piecesOf(units, false)))
         return;
+    const int before = driver.conditionReads.size();
     int result;
     {
         CallCheck check("intf_addConditionRead", units);
@@ -210,6 +239,9 @@ void Program::condition(KEY_ADDRESS k, int id)
     }
     if (result != 1)
         fail("intf_addConditionRead returned %d", result);
+    if (refusedBits(k.regName, k.address) && driver.conditionReads.size() != before)
+        fail("intf_addConditionRead queued a read of the refused %s", latin(k.regName).c_str());
+    checkNoBitJobs("intf_addConditionRead");
     conditionBatchOpened();
 }
 
@@ -297,8 +329,15 @@ void Program::getData(int station, QString name, int address, int length, bool w
         CallCheck check("intf_getData", units);
         result = intf_getData(station, &name, address, length, values);
     }
-    if (result != (withBuffer ? 1 : 0))
-        fail("intf_getData returned %d", result);
+    if (result != (withBuffer && !refusedBits(name, address) ? 1 : 0))
+        fail("intf_getData returned %d for %s", result, latin(name).c_str());
+    if (result == 1 && bitInWordKind(name) > 0) {
+        // The bits a call may name: at most 65536, none past the last address.
+        const qint64 named = qMin<qint64>(unitsNamed(length), qint64(2147483647) - address + 1);
+        for (qint64 i = 0; i < named; ++i)
+            if (values[i] > 1)
+                fail("intf_getData gave %d for bit %lld of %s", values[i], (long long)i, latin(name).c_str());
+    }
     free(values);
 }
 
@@ -318,8 +357,10 @@ void Program::setData(int station, QString name, int address, int length, const 
         CallCheck check("intf_setData", units);
         result = intf_setData(station, &name, address, length, values, id);
     }
-    if (result != (withBuffer || length <= 0 ? 1 : 0))
-        fail("intf_setData returned %d", result);
+    const int expected = refusedBits(name, address) ? 0 : withBuffer || length <= 0 ? 1 : 0;
+    if (result != expected)
+        fail("intf_setData returned %d for %s", result, latin(name).c_str());
+    checkNoBitJobs("intf_setData");
     free(values);
 }
 

@@ -213,10 +213,24 @@ const RegisterInfo *findRegister(const QString &name)
     return 0;
 }
 
+int bitInWordKind(const QString &name)
+{
+    if (name.size() <= 4 || !name.endsWith(QLatin1String("_bit")))
+        return 0;
+    const QString word = name.left(name.size() - 4);
+    if (word.isEmpty() || word.contains(QLatin1Char('_')))
+        return -1;
+    const RegisterInfo *r = findRegister(word);
+    return (r ? r->width : 16) == 16 ? 1 : -1;
+}
+
 int getDataBytes(const QString &name, int length)
 {
     if (length < 1)
         return 0;
+    const int bits = bitInWordKind(name);
+    if (bits != 0)
+        return bits > 0 ? length : 0;
     const RegisterInfo *r = findRegister(name);
     const int width = r ? r->width : 16;
     if (width == 1)
@@ -230,6 +244,9 @@ int setDataBytes(const QString &name, int length)
 {
     if (length < 1)
         return 0;
+    const int bits = bitInWordKind(name);
+    if (bits != 0)
+        return bits > 0 ? length : 0;
     const RegisterInfo *r = findRegister(name);
     return (r && r->width == 1) ? length : 2 * length;
 }
@@ -502,7 +519,7 @@ void valueChanged(int deviceId, int station, const QString &regName, int address
         {
             CallCheck check("intf_getData in the callback", length);
             if (intf_getData(station, &name, address, length, values) != 1)
-                fail("intf_getData in the callback did not return 1");
+                fail("intf_getData in the callback did not return 1 for %s", latin(regName).c_str());
         }
         free(values);
     }

@@ -73,8 +73,13 @@ const RegisterInfo *findRegister(const QString &name);
 // registers (length counting 16-bit words) 4 per whole value when reading and
 // 2 per word when writing. Names outside the family are 16-bit words. 0 for
 // lengths below 1.
+// Bits inside 16-bit words ("D_bit") take one byte a bit both ways; a
+// bit-in-word name the driver refuses (of a bit or 32-bit register, or with
+// anything between register and suffix) takes none.
 int getDataBytes(const QString &name, int length);
 int setDataBytes(const QString &name, int length);
+// 1: bits of 16-bit words; -1: a bit-in-word name the driver refuses; 0: another name.
+int bitInWordKind(const QString &name);
 
 // Largest length the targets give intf_getData / intf_setData: beyond the
 // 65536 units one call may name, so the driver's own bound is exercised,

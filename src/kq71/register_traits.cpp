@@ -45,6 +45,23 @@ bool splitBitInWord(const QString &regName, QString *wordRegister)
     return true;
 }
 
+bool takesBitsInWords(const QString &regName, QString *wordRegister)
+{
+    QString word;
+    // The word register's name is all that comes before the suffix.
+    if (!splitBitInWord(regName, &word) || word.isEmpty() || word.size() + 4 != regName.size() ||
+        registerTraits(word).unitBits != UNIT_WORD)
+        return false;
+    if (wordRegister)
+        *wordRegister = word;
+    return true;
+}
+
+QString bitInWordName(const QString &wordRegister)
+{
+    return wordRegister + QString::fromLatin1("_bit");
+}
+
 WordSpan wordsHoldingBits(int bitAddress, qint64 bits)
 {
     const int k = BITS_PER_WORD;

@@ -61,6 +61,13 @@ QString cacheAreaName(const QString &regName, const RegisterTraits &traits);
 // D's words, the address counting bits from bit 0 of word 0). Gives the word
 // register's name.
 bool splitBitInWord(const QString &regName, QString *wordRegister);
+// Whether a bit-in-word name names bits the cache keeps: a 16-bit word
+// register's name (a name outside the table counts as one) and the suffix,
+// nothing between. Double-word and bit registers refuse the suffix, and so do
+// names like "D_x_bit" or "_bit". Gives the word register's name.
+bool takesBitsInWords(const QString &regName, QString *wordRegister);
+// The bit-in-word name of a word register ("D" -> "D_bit").
+QString bitInWordName(const QString &wordRegister);
 
 // The whole words that hold `bits` bits from bit number bitAddress on.
 struct WordSpan {

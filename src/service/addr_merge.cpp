@@ -3,6 +3,7 @@
 #include "vorn_kq71_ap.h"
 #include "addr_merge.h"
 #include "data_area.h"
+#include "bit_in_word.h"
 #include "debug_line.h"
 #include "merge_rule.h"
 #include "register_table.h"
@@ -21,14 +22,21 @@ typedef PlannedBlock PlanKey;
 // Converts a key to the register's own units for a cyclic read.
 void normaliseForCyclicRead(PlanKey &key)
 {
-    QString wordRegister;
-    if (kq71::splitBitInWord(key.regName, &wordRegister)) {
+    BitRange bits;
+    switch (bitsInWordRange(key.regName, key.address, key.length, &bits)) {
+    case BITS_IN_WORD: {
         // Bit-in-word key: read the whole words that hold its bits.
-        const kq71::WordSpan words = kq71::wordsHoldingBits(key.address, key.length);
+        const kq71::WordSpan words = kq71::wordsHoldingBits(bits.address, bits.bits);
         key.address = words.address;
         key.length = words.length;
-        key.regName = wordRegister;
+        key.regName = bits.area;
         return;
+    }
+    case REFUSED_BITS_IN_WORD:
+        key.length = 0; // names no unit
+        return;
+    case NOT_BITS_IN_WORD:
+        break;
     }
     key.length = int(kq71::registerTraits(key.regName).unitsOfLength(key.length));
 }
@@ -307,8 +315,8 @@ int intf_addrMerge(QList<KEY_ADDRESS> *keys)
         return 0;
     ServiceLock lock;
     for (int i = 0; i < driver.dataAreas.size(); ++i) {
+        // Watch marks only: bits written and pending stay pending.
         _DATA_ &unit = driver.dataAreas[i];
-        unit.bitWritePending = 0;
         unit.monitorFlags = 0;
         unit.bitMonitorMask = 0;
     }

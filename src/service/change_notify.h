@@ -5,8 +5,12 @@
 #include <QtCore/QString>
 
 void reportValueChange(int deviceId, int station, const QString &regName, int address);
-// A watched unit at this cache position changed. The values only matter for
-// bits watched inside the unit.
+// Modes of the word change routine: the word when watched and then, in
+// ascending order, each of its watched bits that differ between the two values
+// (packed as uchar2int16 packs the stored bytes); or the word alone, for
+// callers that report the bits themselves.
+enum { REPORT_WORD_AND_BITS = 0, REPORT_WORD_ONLY = 1 };
+// A watched unit at this cache position changed.
 void _bitDataChange(int index);
 void _wordDataChange(const int *oldValue, const int *newValue, int index, int mode);
 void _dwordDataChange(const int *oldValue, const int *newValue, int index, int mode);

@@ -2,6 +2,7 @@
 #include "vorn_kq71_ap.h"
 #include "addr_merge.h"
 #include "data_area.h"
+#include "bit_in_word.h"
 #include "job_queue.h"
 
 // Pieces longer than this would ask for more units than a request's 16-bit
@@ -14,8 +15,14 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
         return 0;
     ServiceLock lock;
     const int limit = qMin(configuredPieceLimit(key->dataType == -1), int(MAX_CONDITION_PIECE));
-    QString wordRegister;
-    const bool bitInWord = kq71::splitBitInWord(key->regName, &wordRegister);
+    BitRange bits;
+    const BitNameKind kind = bitsInWordRange(key->regName, key->address, key->length, &bits);
+    if (kind == REFUSED_BITS_IN_WORD) {
+        // Nothing to read; the batch still ends, as failed.
+        driver.conditionBatchOpen = 2;
+        return 1;
+    }
+    const bool bitInWord = kind == BITS_IN_WORD;
     const kq71::RegisterTraits traits = kq71::registerTraits(key->regName);
 
     // A key that names no unit reads nothing; a longer one is cut into pieces,
@@ -31,7 +38,7 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
         if (bitInWord) {
             // Bits inside words: read the whole words that hold them.
             const kq71::WordSpan words = kq71::wordsHoldingBits(pieceAddress, pieceLength);
-            job.regName = wordRegister;
+            job.regName = bits.area;
             job.address = words.address;
             job.length = words.length;
         } else {
@@ -51,6 +58,6 @@ int intf_addConditionRead(KEY_ADDRESS *key, int id)
     }
     // Every call opens (or extends) a batch that ends with one report, also
     // when its keys name no unit.
-    driver.conditionBatchOpen = 1;
+    driver.conditionBatchOpen = qMax(driver.conditionBatchOpen, 1);
     return 1;
 }

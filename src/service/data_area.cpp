@@ -1,6 +1,7 @@
 // The cache of PLC memory: one record per unit ever named, in creation order,
 // with an index beside the list so that no lookup scans it.
 #include "data_area.h"
+#include "bit_in_word.h"
 
 int boundedUnits(int address, qint64 length)
 {
@@ -64,6 +65,16 @@ void clearDataAreas()
 
 int _setDataAreaMonitorFlag(int station, const QString &regName, int address, int length)
 {
+    BitRange bits;
+    switch (bitsInWordRange(regName, address, length, &bits)) {
+    case BITS_IN_WORD:
+        markWatchedBits(station, bits);
+        return 0;
+    case REFUSED_BITS_IN_WORD:
+        return 0;
+    case NOT_BITS_IN_WORD:
+        break;
+    }
     const UnitRange r = cacheRange(regName, address, length, RUNTIME_LENGTH);
     AreaKey area(r.area);
     for (int i = 0; i < r.units; ++i) {

@@ -80,6 +80,7 @@ void Protocol::clearRunState()
     }
     conditionReads.clear();
     clearDataAreas();
+    heldBitWriteIds.clear();
     frameQueue.clear();
     cycleState = CYCLE_IDLE;
     burstCount = 0;

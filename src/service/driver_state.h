@@ -6,6 +6,7 @@
 #include "vorn_kq71_ap.h"
 #include "data_index.h"
 
+#include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QMutex>
 #include <QtCore/QPair>
@@ -38,11 +39,11 @@ private:
 
 // One cached unit of PLC memory (a bit, a word or a double word).
 struct _DATA_ {
-    quint8 spareFlag;
+    quint8 spareFlag;        // words: WORD_SEEN, WORD_BITS_HELD (bit_in_word.h)
     quint8 writePending;     // writtenValue stands and its write has not completed
-    qint32 bitWritePending;  // reserved for bit writes inside a unit; always 0 here
+    qint32 bitWritePending;  // words: bits written and pending (bit n), their values (bit 16 + n)
     qint32 monitorFlags;     // bit 0: the unit is watched
-    qint32 bitMonitorMask;   // reserved for bits watched inside a unit; always 0 here
+    qint32 bitMonitorMask;   // words: bit n of the word is watched on its own
     qint32 station;
     QString regName;
     qint32 address;
@@ -114,8 +115,12 @@ public:
     // For each recipe block, the items it covers (first item index, item count).
     // Filled beside rcpBlockStarts, so items cut over several blocks stay placed.
     QVector<QPair<int, int> > rcpBlockItems;
-    // The runtime has added condition reads whose end it has not been told yet.
+    // The runtime has added condition reads whose end it has not been told
+    // yet: 1; 2 when one of them was refused, so that the batch ends as failed.
     int conditionBatchOpen;
+    // Bit writes waiting for their word's first read: cache position -> the
+    // write's id, which the word write carries once the word is read.
+    QHash<int, int> heldBitWriteIds;
 
     Protocol();
     ~Protocol();

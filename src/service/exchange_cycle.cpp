@@ -2,6 +2,7 @@
 // giving up, and the bookkeeping when a job ends.
 #include "vorn_kq71_ap.h"
 #include "exchange_cycle.h"
+#include "bit_in_word.h"
 #include "change_notify.h"
 #include "driver_state.h"
 #include "error_text.h"
@@ -82,11 +83,12 @@ void takeNextJob()
 }
 
 // The end of a condition-read batch, told once: -1 when a read of it was
-// given up, 0 when every read of it came back.
+// given up or refused, 0 when every read of it came back.
 void endConditionBatch(int failed)
 {
     if (!driver.conditionBatchOpen)
         return;
+    failed = failed || driver.conditionBatchOpen == 2;
     driver.conditionBatchOpen = 0;
     reportValueChange(-1, -1, QString::fromLatin1("-1"), failed ? -1 : 0);
 }
@@ -148,10 +150,12 @@ void dealListWhenFinish()
     case CYCLE_CONDITION:
         // A read given up drops the rest of its batch; the batch ends once its
         // last read is done or dropped, whichever read it was.
-        if (driver.lastJobFailed == 1)
+        if (driver.lastJobFailed == 1) {
             driver.conditionReads.clear();
-        else if (!driver.conditionReads.isEmpty())
+            giveUpHeldBitWrites(); // the reads they waited for are gone
+        } else if (!driver.conditionReads.isEmpty()) {
             driver.conditionReads.removeFirst();
+        }
         if (driver.conditionReads.isEmpty())
             endConditionBatch(driver.lastJobFailed == 1);
         break;

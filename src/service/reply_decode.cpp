@@ -4,6 +4,7 @@
 #include "byte_order.h"
 #include "change_notify.h"
 #include "data_area.h"
+#include "bit_in_word.h"
 #include "recipe.h"
 
 namespace {
@@ -42,11 +43,19 @@ void decodeBits(const ReplyBytes &reply, const UnitRange &r, int pos, const VARI
 }
 
 // A written value stays pending over a changed reply only for bit writes inside
-// the unit while writes are still queued.
+// the unit: the reply's other bits join the written bits.
 void clearPendingUnlessBitWrite(_DATA_ &unit)
 {
-    if (!(unit.bitWritePending != 0 && !driver.writeJobs.isEmpty()))
+    if (unit.bitWritePending != 0)
+        keepPendingBits(unit);
+    else
         unit.writePending = 0;
+}
+
+int shownPacked(const _DATA_ &unit)
+{
+    const quint8 *b = unit.writePending == 1 ? unit.writtenValue : unit.readValue;
+    return uchar2int16(b[0], b[1]);
 }
 
 void decodeWords(const ReplyBytes &reply, const UnitRange &r, int pos, const VARIABLE &var, int stride)
@@ -58,16 +67,24 @@ void decodeWords(const ReplyBytes &reply, const UnitRange &r, int pos, const VAR
         const qint64 p = pos + qint64(2) * stride * i;
         const unsigned char b0 = reply.at(p), b1 = reply.at(p + 1);
         _DATA_ &unit = driver.dataAreas[idx];
+        unit.spareFlag |= WORD_SEEN;
+        const bool held = (unit.spareFlag & WORD_BITS_HELD) != 0;
         const int newValue = uchar2int16(b0, b1);
         const int oldValue = uchar2int16(unit.readValue[0], unit.readValue[1]);
         if (newValue != oldValue) {
+            // Watched bits compare what the runtime saw with what it sees now.
+            const int shownBefore = shownPacked(unit);
             unit.readValue[0] = b0;
             unit.readValue[1] = b1;
             clearPendingUnlessBitWrite(unit);
-            _wordDataChange(&oldValue, &newValue, idx, 0);
+            const int shownAfter = shownPacked(unit);
+            _wordDataChange(&shownBefore, &shownAfter, idx, REPORT_WORD_AND_BITS);
             if (cacheClearedSince(area))
                 return;
         }
+        // The report may have re-entered and cleared the cache.
+        if (held && idx < driver.dataAreas.size() && (driver.dataAreas.at(idx).spareFlag & WORD_BITS_HELD))
+            releaseHeldBitWrite(idx);
     }
 }
 
@@ -88,7 +105,7 @@ void decodeDoubleWords(const ReplyBytes &reply, const UnitRange &r, int pos, con
         if (newValue != oldValue) {
             for (int k = 0; k < 4; ++k)
                 unit.readValue[k] = b[k];
-            clearPendingUnlessBitWrite(unit);
+            unit.writePending = 0;
             _dwordDataChange(&oldValue, &newValue, idx, 0);
             if (cacheClearedSince(area))
                 return;

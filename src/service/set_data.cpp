@@ -6,6 +6,7 @@
 #include "byte_order.h"
 #include "change_notify.h"
 #include "data_area.h"
+#include "bit_in_word.h"
 #include "frames.h"
 #include "job_queue.h"
 #include "write_completion.h"
@@ -93,9 +94,12 @@ void queuePieces(int id, const QString &regName, const kq71::RegisterTraits &t, 
     }
 }
 
+} // namespace
+
 // A request longer than one key holds is cut into consecutive keys, so that
 // every value is written.
-void queueWrite(int station, const QString &regName, int address, int length, const unsigned char *values, int id)
+void queueWriteJobs(int station, const QString &regName, int address, int length, const unsigned char *values,
+                    int id)
 {
     const kq71::RegisterTraits t = kq71::registerTraits(regName);
     // Keys carry bits a byte each and 16-bit words two bytes each.
@@ -126,8 +130,6 @@ void queueWrite(int station, const QString &regName, int address, int length, co
         done += key.length;
     } while (done < total);
 }
-
-} // namespace
 
 void write_saveDataToArea(int station, const QString &regName, int address, int length, const unsigned char *values)
 {
@@ -163,6 +165,13 @@ void write_saveDataToArea(int station, const QString &regName, int address, int 
         _DATA_ &unit = driver.dataAreas[idx];
         memcpy(unit.writtenValue, stored, size_t(bytes));
         unit.writePending = 1;
+        // The whole word is written now: bits written before it no longer
+        // stand on their own.
+        unit.bitWritePending = 0;
+        if (unit.spareFlag & WORD_BITS_HELD) {
+            unit.spareFlag = quint8(unit.spareFlag & ~WORD_BITS_HELD);
+            driver.heldBitWriteIds.remove(idx);
+        }
     }
 }
 
@@ -172,8 +181,19 @@ int intf_setData(int station, QString *regName, int address, int length, unsigne
         return 0;
     ServiceLock lock;
     const QString name = *regName;
+    BitRange bits;
+    switch (bitsInWordRange(name, address, length, &bits)) {
+    case BITS_IN_WORD:
+        if (values)
+            writeBitsInWords(station, name, bits, values, id);
+        return 1;
+    case REFUSED_BITS_IN_WORD:
+        return 0; // nothing queued, nothing cached
+    case NOT_BITS_IN_WORD:
+        break;
+    }
     if (!driver.cacheOnlyWrites)
-        queueWrite(station, name, address, length, values, id);
+        queueWriteJobs(station, name, address, length, values, id);
     if (values)
         write_saveDataToArea(station, name, address, length, values);
     return 1;

@@ -3,6 +3,7 @@
 #include "byte_order.h"
 #include "change_notify.h"
 #include "data_area.h"
+#include "bit_in_word.h"
 
 #include <string.h>
 
@@ -12,10 +13,13 @@ void _write_FailOrSuc(int station, const QString &regName, int address, int leng
     AreaKey area(r.area);
     for (int i = 0; i < r.units; ++i) {
         const int idx = getIndexOfDataArea(station, area, address + i);
+        if (r.traits.unitBits == kq71::UNIT_WORD && settleBitWrite(idx, success != 0))
+            continue;
         _DATA_ &unit = driver.dataAreas[idx];
         // Cleared before any report: a reader inside the report sees the read value.
         unit.writePending = 0;
         if (success) {
+            unit.spareFlag |= WORD_SEEN;
             memcpy(unit.readValue, unit.writtenValue, size_t(r.traits.bytesPerUnit()));
             continue;
         }

@@ -4,6 +4,7 @@
 #define KQ71_TEST_DRIVER_INTERNALS_H
 
 #include "address_check.h"
+#include "bit_in_word.h"
 #include "addr_merge.h"
 #include "byte_order.h"
 #include "change_notify.h"

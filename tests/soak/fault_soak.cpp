@@ -47,9 +47,11 @@ const Area AREAS[] = {
     {"256CP", 300, 4, Role::Write},   {"X", 0, 64, Role::Plc},           {"D", 1000, 300, Role::Plc},
     {"M", 1000, 100, Role::Plc},      {"256CC", 300, 8, Role::Plc},      {"D", 3000, 40, Role::Recipe},
     {"200CP", 220, 4, Role::Recipe},  {"V", 10, 3, Role::Recipe},        {"TP", 100, 5, Role::Recipe},
+    // Bits inside D400..D415, written and watched as bits; their word jobs are "D".
+    {"D_bit", 6400, 256, Role::Write},
 };
 
-const char *const UNIT_NAMES[] = {"X", "Y", "M", "D", "V", "Z", "TP", "200CC", "200CP", "256CC", "256CP"};
+const char *const UNIT_NAMES[] = {"X", "Y", "M", "D", "V", "Z", "TP", "200CC", "200CP", "256CC", "256CP", "D_bit"};
 
 WriteLedger::Unit unitKey(const QString &reg, int address)
 {
@@ -62,16 +64,30 @@ WriteLedger::Unit unitKey(const QString &reg, int address)
 QString unitReg(WriteLedger::Unit unit) { return QLatin1String(UNIT_NAMES[unit >> 32]); }
 int unitAddress(WriteLedger::Unit unit) { return int(unit & 0xFFFFFFFF); }
 
+// The area of a unit; a word of a bit-in-word area belongs to that area.
 const Area *areaOf(const QString &reg, int address)
 {
-    for (const Area &a : AREAS)
+    for (const Area &a : AREAS) {
         if (reg == QLatin1String(a.reg) && address >= a.first && address < a.first + a.units)
             return &a;
+        if (reg == wordRegisterOfBits(a.reg) && address >= a.first / BITS_IN_WORD &&
+            address <= (a.first + a.units - 1) / BITS_IN_WORD)
+            return &a;
+    }
     return nullptr;
+}
+
+// A bit inside a word is placed by its word.
+UnitPlace wordPlace(const QString &reg, int address)
+{
+    const QString word = wordRegisterOfBits(reg);
+    return word.isEmpty() ? placeOf(reg, address) : placeOf(word, address / BITS_IN_WORD);
 }
 
 quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int address)
 {
+    if (!wordRegisterOfBits(reg).isEmpty())
+        return sim.reg(wordPlace(reg, address).wire) >> (address % BITS_IN_WORD) & 1;
     const UnitPlace p = placeOf(reg, address);
     switch (p.kind) {
     case UnitKind::Bit:
@@ -87,6 +103,12 @@ quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int addre
 
 void setSimValue(kq71sim::PlcSimulator &sim, const QString &reg, int address, quint32 value)
 {
+    if (!wordRegisterOfBits(reg).isEmpty()) {
+        const int wire = wordPlace(reg, address).wire;
+        const quint16 mask = quint16(1u << (address % BITS_IN_WORD));
+        sim.setReg(wire, quint16((sim.reg(wire) & ~mask) | (value & 1 ? mask : 0)));
+        return;
+    }
     const UnitPlace p = placeOf(reg, address);
     if (p.kind == UnitKind::Bit) {
         sim.setBit(p.wire, value & 1);
@@ -146,7 +168,7 @@ std::vector<WatchList> watchLists()
 {
     const QList<KEY_ADDRESS> writes = {key("D", 0, 200),  key("M", 0, 256),      key("Y", 0, 64),
                                        key("V", 0, 8),    key("Z", 0, 8),        key("200CC", 200, 16),
-                                       key("256CP", 300, 4)};
+                                       key("256CP", 300, 4), key("D_bit", 6400, 256)};
     // Long blocks: 300 words and 100 bits cut at 128 units.
     const QList<KEY_ADDRESS> plc = {key("D", 1000, 300), key("X", 0, 64), key("M", 1000, 100),
                                     key("256CC", 300, 8), key("D", 0, 50)};
@@ -156,7 +178,8 @@ std::vector<WatchList> watchLists()
         key("D", 1250, 50),   key("M", 10, 11),    key("M", 250, 6),       key("M", 1050, 20), key("X", 8, 8),
         key("Y", 3, 5),       key("V", 3, 1),      key("Z", 5, 2),         key("200CC", 202, 1),
         key("200CC", 210, 3), key("256CP", 301, 2), key("256CC", 303, 1),  key("D", 3000, 12),
-        key("TP", 100, 5),    key("V", 10, 3),     key("200CP", 220, 2)};
+        key("TP", 100, 5),    key("V", 10, 3),     key("200CP", 220, 2),   key("D_bit", 6405, 3),
+        key("D_bit", 6430, 20)};
     const QList<KEY_ADDRESS> small = {key("D", 100, 4), key("M", 0, 8)};
     return {watchList("writes", writes), watchList("plc", plc), watchList("scattered", scattered),
             watchList("small", small)};
@@ -266,7 +289,7 @@ QString overlappingAreas()
     };
     std::vector<Span> spans;
     for (const Area &a : AREAS) {
-        const UnitPlace first = placeOf(a.reg, a.first), last = placeOf(a.reg, a.first + a.units - 1);
+        const UnitPlace first = wordPlace(a.reg, a.first), last = wordPlace(a.reg, a.first + a.units - 1);
         const int extra = last.kind == UnitKind::DoubleWord ? 1 : 0;
         spans.push_back(Span{first.kind == UnitKind::Bit, first.wire, last.wire + extra, &a});
     }
@@ -321,6 +344,7 @@ private:
     int random(int n) { return int(rng_() % std::uint32_t(n)); }
 
     void fillPlc();
+    void readBitWordsOnce();
     void watch(const WatchList &list);
     void issueWrite();
     void startBatch();
@@ -372,6 +396,26 @@ private:
     bool writeGaveUp_ = false;     // in this step
     Exchange failedWrite_;
 };
+
+// A bit write to a word the driver has never read waits for a read of it; if
+// that read is given up, the write falls back without a job outcome the ledger
+// could account for. The words of the bit areas are therefore read once on a
+// clean line, and every bit write is a read-modify-write with a job of its own.
+void Soak::readBitWordsOnce()
+{
+    QList<KEY_ADDRESS> keys;
+    for (const Area &a : AREAS)
+        if (!wordRegisterOfBits(a.reg).isEmpty())
+            keys << key(a.reg, a.first, a.units);
+    sim_.setFaults(kq71sim::FaultRates());
+    const std::uint64_t blocks = std::uint64_t(rt_.watch(keys));
+    const std::uint64_t until = cyclicEnded_ + blocks;
+    for (int i = 0; i < 1000 && cyclicEnded_ < until; ++i)
+        step(false);
+    if (cyclicEnded_ < until)
+        fail("the words of the bit areas were not read on the clean line");
+    sim_.setFaults(config_.faults);
+}
 
 void Soak::fillPlc()
 {
@@ -498,7 +542,15 @@ void Soak::onWrite(const Exchange &ex)
     if (ex.result != 1 && ex.result != 2)
         return;
     const std::uint64_t seq = std::uint64_t(ex.jobId - WRITE_ID_BASE);
-    for (int i = 0; i < ex.length; ++i) {
+    if (!wordRegisterOfBits(a->reg).isEmpty()) {
+        // A word job of bits answers the bit writes of its words up to its
+        // id: it carries every bit still pending in them.
+        // A later job over other words may have answered them already.
+        for (int w = ex.address; w < ex.address + ex.length; ++w)
+            for (int b = 0; b < BITS_IN_WORD; ++b)
+                ledger_.answered(unitKey(a->reg, w * BITS_IN_WORD + b), seq);
+    }
+    for (int i = 0; i < ex.length && wordRegisterOfBits(a->reg).isEmpty(); ++i) {
         const WriteLedger::Unit u = unitKey(ex.regName, ex.address + i);
         if (ledger_.answered(u, seq) == 0)
             fail(QString("write job %1 answered for %2, which had no open write").arg(ex.jobId).arg(unitName(u)));
@@ -711,6 +763,7 @@ SoakResult Soak::run()
     fillPlc();
     if (rt_.setRecipe(recipeItems()) != int(sizeof(RECIPE) / sizeof(RECIPE[0])))
         fail("the driver did not take the recipe items");
+    readBitWordsOnce();
 
     const std::uint64_t total = config_.exchanges;
     const std::uint64_t warm = std::max<std::uint64_t>(total / 10, 1);

@@ -42,6 +42,23 @@ TEST_F(CommandLine, WriteThenReadRoundTripsThroughOneSimulatedPlc)
     expectIn(r.out, {"D100 = 5  (0x0005, signed 5)", "200CC201 = 70000  (0x00011170"});
 }
 
+TEST_F(CommandLine, BitsInWordsAreTypedWithADotAndNamedSoInJson)
+{
+    ASSERT_EQ(kq71({"write", "D100=3840"}).status, 0);
+    const Outcome w = kq71({"write", "D100.5=1", "--json"});
+    ASSERT_EQ(w.status, 0) << w.err.toStdString();
+    ASSERT_EQ(w.objects().size(), 1);
+    EXPECT_EQ(w.objects()[0]["name"].toString(), "D100.5");
+    EXPECT_EQ(w.objects()[0]["reg"].toString(), "D_bit");
+    EXPECT_EQ(w.objects()[0]["address"].toInt(), 1605);
+    const Outcome r = kq71({"read", "D100", "D100.4:3"});
+    ASSERT_EQ(r.status, 0) << r.err.toStdString();
+    expectIn(r.out, {"D100 = 3872  (0x0F20", "D100.4 = 0", "D100.5 = 1", "D100.6 = 0"});
+    const Outcome bad = kq71({"check", "M100.5", "D100.16"}, false);
+    EXPECT_EQ(bad.status, 1);
+    expectIn(bad.err, {"M100.5: bits in words are only on 16-bit registers", "D100.16: the bit after '.'"});
+}
+
 TEST_F(CommandLine, BadAddressesAreRefusedWithTheReasonBeforeAnythingIsSent)
 {
     const Outcome r = kq71({"write", "D9999:2=1", "W5=1", "200CC256=1"});

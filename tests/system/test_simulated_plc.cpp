@@ -39,6 +39,35 @@ TEST_F(SimulatedPlc, ConditionReadThatIsNeverAnsweredEndsItsBatchAsFailed)
     EXPECT_GE(b.rt.stats().wireTimeUs, 2 * 50000);
 }
 
+// Bits inside words through the whole runtime: watched bits report, written
+// bits reach the PLC in word writes, and the other bits of each word keep the
+// values the PLC held, also in a word the driver had never read.
+TEST_F(SimulatedPlc, BitsInWordsChangeOnlyTheirOwnBitsOfThePlcsWords)
+{
+    SimBench b;
+    setSimValue(b.sim, "D", 100, 0xA5A5);
+    setSimValue(b.sim, "D", 101, 0x00FF);
+    setSimValue(b.sim, "D", 200, 0x1234);
+    const int jobs = b.rt.watch({area("D_bit", 1605, 1), area("D_bit", 1614, 4)});
+    ASSERT_EQ(jobs, 1);
+    ASSERT_TRUE(runCyclicReads(b.rt, 1));
+    QVector<int> bits;
+    for (const ChangeReport &r : b.rt.takeReports())
+        if (r.regName == "D_bit")
+            bits << r.address;
+    EXPECT_EQ(bits, (QVector<int>{1605, 1615, 1616, 1617}));
+
+    b.rt.write(1, "D_bit", 1605, 1, QByteArray("\x00", 1), 7);
+    b.rt.write(1, "D_bit", 1614, 4, QByteArray("\x01\x00\x00\x01", 4), 8);
+    b.rt.write(1, "D_bit", 3200, 1, QByteArray("\x01", 1), 9); // D200, never read
+    ASSERT_TRUE(runCyclicReads(b.rt, 4));
+    EXPECT_EQ(simValue(b.sim, "D", 100), 0x6585u); // bits 5 and 15 cleared, 14 set
+    EXPECT_EQ(simValue(b.sim, "D", 101), 0x00FEu); // bit 0 cleared
+    EXPECT_EQ(simValue(b.sim, "D", 200), 0x1235u);
+    EXPECT_EQ(b.rt.read(1, "D_bit", 1614, 4), QByteArray("\x01\x00\x00\x01", 4));
+    EXPECT_EQ(cachedValue(b.rt, 1, "D", 200), 0x1235u);
+}
+
 TEST_F(SimulatedPlc, RecipeWrittenToThePlcReadsBackIntoTheRecipeBuffer)
 {
     SimBench b;

@@ -101,8 +101,8 @@ TEST_F(Cache, MarkingCoversTheUnitsOfTheRuntimeLength)
     _setDataAreaMonitorFlag(1, "256CC", 300, 1);
     _setDataAreaMonitorFlag(1, "X", 0, 0);
     EXPECT_FALSE(exists("256CC", 300) || exists("X", 0));
-    _setDataAreaMonitorFlag(1, "D_bit", 1605, 1);
-    _setDataAreaMonitorFlag(1, "D_bit", 1605, 1);
+    _setDataAreaMonitorFlag(1, "D", 1605, 1);
+    _setDataAreaMonitorFlag(1, "D", 1605, 1);
     EXPECT_EQ(1, unit("D", 1605).monitorFlags);
 }
 
@@ -113,7 +113,6 @@ TEST_F(Cache, ReadsShowWrittenValuesUnitByUnitInTheRuntimeByteOrder)
     unit("D", 100).readValue[1] = 0x34;
     set(1, "D", 101, 1, {0x78, 0x56});
     EXPECT_EQ((Bytes{0x34, 0x12, 0x78, 0x56}), get(1, "D", 100, 2, 4));
-    EXPECT_EQ((Bytes{0x34, 0x12}), get(1, "D_bit", 100, 1, 2));
     EXPECT_EQ(Bytes{}, get(1, "200CC", 200, 1, 0));
     EXPECT_EQ((Bytes{0, 0, 0}), get(1, "X", 0, 3, 3));
     EXPECT_TRUE(exists("X", 2));

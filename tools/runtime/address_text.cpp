@@ -67,6 +67,16 @@ bool parseAddress(const QString &text, const QList<RegisterInfo> &catalogue, Typ
         }
         body = body.left(colon);
     }
+    const int dot = body.indexOf('.');
+    if (dot >= 0) {
+        bool ok = false;
+        target->bitInWord = body.mid(dot + 1).toInt(&ok);
+        if (!ok || target->bitInWord < 0 || target->bitInWord >= BITS_IN_WORD) {
+            *error = QString("%1: the bit after '.' must be a number from 0 to 15").arg(target->text);
+            return false;
+        }
+        body = body.left(dot);
+    }
     // The longest name wins: "200CC200" is 200CC 200, not 200C "C200".
     int best = -1;
     for (int i = 0; i < catalogue.size(); ++i) {
@@ -100,6 +110,14 @@ bool parseAddress(const QString &text, const QList<RegisterInfo> &catalogue, Typ
         *error = QString("%1: the address is missing after %2").arg(target->text, target->regName);
         return false;
     }
+    if (target->bitInWord >= 0) {
+        if (target->kind != UnitKind::Word) {
+            *error = QString("%1: bits in words are only on 16-bit registers (D, V, Z, TC, TP, CC, CP)")
+                         .arg(target->text);
+            return false;
+        }
+        target->kind = UnitKind::Bit;
+    }
     return true;
 }
 
@@ -107,6 +125,15 @@ int checkAddress(const DriverLibrary &lib, TypedAddress *target, int access)
 {
     QString reg = target->regName, addr = target->addrText;
     int number = -1;
+    if (target->bitInWord >= 0) {
+        const int words = (target->bitInWord + target->count + BITS_IN_WORD - 1) / BITS_IN_WORD;
+        const int code = lib.checkAddr(&reg, &addr, &number, 0, words, access);
+        if (code == 0) {
+            target->regName = bitInWordRegister(target->regName);
+            target->address = number * BITS_IN_WORD + target->bitInWord;
+        }
+        return code;
+    }
     const int code = lib.checkAddr(&reg, &addr, &number, target->dataType(), target->driverLength(), access);
     if (code == 0)
         target->address = number;

@@ -1,5 +1,6 @@
 // Addresses as a user types them in the panel editor ("D100:10", "X20:8",
-// "200CC200:2", "M8000"), checked by the driver itself.
+// "200CC200:2", "M8000"), and bits in words ("D100.5", "D100.0:16": bits
+// counted from bit 5 of D100), checked by the driver itself.
 #ifndef KQ71_RUNTIME_ADDRESS_TEXT_H
 #define KQ71_RUNTIME_ADDRESS_TEXT_H
 
@@ -40,6 +41,7 @@ struct TypedAddress {
     int count = 1;     // bits, words, or 32-bit values
     int address = -1;  // the driver's number for addrText, once checked
     UnitKind kind = UnitKind::Unknown;
+    int bitInWord = -1; // the bit typed after '.', 0..15; the target then counts bits of 16-bit words
 
     int dataType() const { return driverDataType(kind); }
     int driverLength() const { return kq71rt::driverLength(kind, count); }
@@ -51,7 +53,9 @@ struct TypedAddress {
 bool parseAddress(const QString &text, const QList<RegisterInfo> &catalogue, TypedAddress *target, QString *error);
 
 // intf_checkAddr on the target; fills target->address on success. Returns the
-// driver's code (0 valid, 1..6 refused).
+// driver's code (0 valid, 1..6 refused). A bit in a word is checked as the
+// words holding its bits, then becomes the driver's bit-in-word name ("D_bit")
+// and bit number.
 int checkAddress(const DriverLibrary &lib, TypedAddress *target, int access);
 
 // The driver's refusal in words.

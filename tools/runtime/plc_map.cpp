@@ -34,8 +34,18 @@ const Area *areaOf(const QString &regName)
 
 } // namespace
 
+QString bitInWordRegister(const QString &wordRegister) { return wordRegister + "_bit"; }
+
+QString wordRegisterOfBits(const QString &regName)
+{
+    return regName.endsWith("_bit") ? regName.left(regName.size() - 4) : QString();
+}
+
 UnitKind unitKindOf(const QString &regName)
 {
+    const QString word = wordRegisterOfBits(regName);
+    if (!word.isEmpty())
+        return unitKindOf(word) == UnitKind::Word ? UnitKind::Bit : UnitKind::Unknown;
     const Area *a = areaOf(regName);
     return a ? a->kind : UnitKind::Unknown;
 }
@@ -62,6 +72,9 @@ int addressRadix(const QString &regName) { return regName == "X" || regName == "
 
 QString unitName(const QString &regName, int address)
 {
+    const QString word = wordRegisterOfBits(regName);
+    if (!word.isEmpty() && address >= 0)
+        return QString("%1%2.%3").arg(word).arg(address / BITS_IN_WORD).arg(address % BITS_IN_WORD);
     return regName + QString::number(address, addressRadix(regName));
 }
 

@@ -86,6 +86,16 @@ QByteArray SimLink::exchange(const QByteArray &request, int expected, int timeou
 
 void addMovers(kq71sim::PlcSimulator &sim, const QString &regName, int address, int units)
 {
+    const QString word = wordRegisterOfBits(regName);
+    if (!word.isEmpty()) {
+        // Bits inside words move with counters on the words holding them.
+        if (unitKindOf(regName) != UnitKind::Bit || address < 0 || units <= 0)
+            return;
+        const int first = address / BITS_IN_WORD, last = (address + units - 1) / BITS_IN_WORD;
+        for (int w = first; w <= last; ++w)
+            sim.addCounter(placeOf(word, w).wire);
+        return;
+    }
     for (int i = 0; i < units; ++i) {
         const UnitPlace p = placeOf(regName, address + i);
         switch (p.kind) {
