@@ -86,7 +86,7 @@ bool interleaved(const QString &name)
 
 std::string latin(const QString &s)
 {
-    return s.toLocal8Bit().toStdString();
+    return std::string(s.toLocal8Bit().constData());
 }
 
 // The calls a bit-in-word name refuses: one the driver does not take, or a

@@ -200,7 +200,9 @@ std::vector<PlannedBlock> planBlocks(const QList<KEY_ADDRESS> &input, int mode)
         k.length = boundedUnits(k.address, k.length);
         if (k.length <= 0)
             continue;
-        if (kq71::registerTraits(k.regName).crossesRelayBoundary(k.address, k.length)) {
+        // The cheap test first: the name is looked up only for keys that span 8000.
+        if (k.address < kq71::RELAY_BOUNDARY && qint64(k.address) + k.length > kq71::RELAY_BOUNDARY &&
+            kq71::registerTraits(k.regName).crossesRelayBoundary(k.address, k.length)) {
             PlanKey high = k;
             high.address = kq71::RELAY_BOUNDARY;
             high.length = k.address + k.length - kq71::RELAY_BOUNDARY;
