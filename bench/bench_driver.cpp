@@ -260,6 +260,19 @@ void BM_Exchange(benchmark::State &state)
 }
 BENCHMARK(BM_Exchange)->Arg(1000)->Arg(100000);
 
+// One round of the plan, in the order the cycle takes it: each block's reply
+// in two versions (values a third apart), the first one handed in already.
+void primeReplies(int jobs, std::vector<QByteArray> replies[2])
+{
+    QString error;
+    for (int j = 0; j < jobs; ++j) {
+        const FRAME_PRO f = nextFrame();
+        replies[0].push_back(replyFor(f, 0));
+        replies[1].push_back(replyFor(f, 1));
+        intf_dealRcvFrame(&replies[0].back(), &error);
+    }
+}
+
 // Exchanges of a plan that covers the whole cache: each exchange decodes a
 // block the previous 781 did not touch, so the cache is cold as on a panel
 // that polls many screens' worth of units.
@@ -272,16 +285,9 @@ void BM_ExchangeRoundRobin(benchmark::State &state)
         for (int a = 0; a < 9984 && made < units; a += 128, made += 128)
             watch.append(key(station, "D", a, 128));
     const int jobs = intf_addrMerge(&watch);
-    // One round of the plan, in the order the cycle takes it, with two
-    // replies for each block.
     std::vector<QByteArray> replies[2];
     QString error;
-    for (int j = 0; j < jobs; ++j) {
-        const FRAME_PRO f = nextFrame();
-        replies[0].push_back(replyFor(f, 0));
-        replies[1].push_back(replyFor(f, 1));
-        intf_dealRcvFrame(&replies[0].back(), &error);
-    }
+    primeReplies(jobs, replies);
     FRAME_PRO frame;
     size_t i = 0;
     reportCount = 0;
@@ -309,12 +315,7 @@ void refreshOfWatch(benchmark::State &state, const KEY_ADDRESS &watched)
     const int jobs = intf_addrMerge(&watch);
     std::vector<QByteArray> replies[2];
     QString error;
-    for (int j = 0; j < jobs; ++j) {
-        const FRAME_PRO f = nextFrame();
-        replies[0].push_back(replyFor(f, 0));
-        replies[1].push_back(replyFor(f, 1));
-        intf_dealRcvFrame(&replies[0].back(), &error);
-    }
+    primeReplies(jobs, replies);
     FRAME_PRO frame;
     int round = 1;
     reportCount = 0;

@@ -54,8 +54,8 @@ grep -q 'gnu++98' "$src/mkspecs/common/gcc-base.conf" || die "could not add -std
 
 cross=()
 if [[ $target == arm ]]; then
-    spec=$src/mkspecs/linux-arm-gnueabi-g++/qmake.conf
-    sed -i 's/arm-linux-gnueabi-/arm-linux-gnueabihf-/g' "$spec"
+    mkspec=$src/mkspecs/linux-arm-gnueabi-g++/qmake.conf
+    sed -i 's/arm-linux-gnueabi-/arm-linux-gnueabihf-/g' "$mkspec"
     # Without -arch arm the host's atomic operations are chosen.
     cross=(-arch arm -xplatform linux-arm-gnueabi-g++)
 fi
