@@ -98,6 +98,10 @@ void endConditionBatch(int failed)
 // if its retries had run out. A cyclic read only rotates the plan.
 void giveUpUnbuildableJob()
 {
+    // Nothing went out: the job does not count towards the run of writes and
+    // condition reads, so that every unbuildable one ahead goes in this call.
+    if (driver.cycleState == CYCLE_WRITE || driver.cycleState == CYCLE_CONDITION)
+        --driver.burstCount;
     driver.lastJobFailed = driver.cycleState == CYCLE_CYCLIC ? 0 : 1;
     if (driver.cycleState == CYCLE_WRITE) {
         const VARIABLE job = driver.currentJob;

@@ -22,9 +22,16 @@ TEST_F(Settling, JobsNoFrameCanBeBuiltForAreGivenUpAndTheNextGoesOut)
     answerWith(plc.answer(f));
     KEY_ADDRESS k = key(1, "QQ", 0, 1);
     intf_addConditionRead(&k, 9);
-    nextFrame();
+    answerWith(plc.answer(nextFrame()));
     EXPECT_EQ(Reports({{-1, -1, "-1", -1}}), reports());
     EXPECT_TRUE(driver.conditionReads.isEmpty());
+    // More of them than a run of writes: all go in one call, not ten a call.
+    for (int a = 0; a < 25; ++a)
+        set(1, "QQ", a, 1, {1, 0});
+    set(1, "D", 7, 1, {1, 0});
+    f = nextFrame();
+    EXPECT_EQ(0x06, f.frame[1]) << "the write, not a read of the plan";
+    EXPECT_EQ(7, f.var.address);
 }
 
 TEST_F(Settling, AWritePushedOutOfTheFullQueueFallsBackAtOnce)
