@@ -249,8 +249,9 @@ void Program::condition(KEY_ADDRESS k, int id)
 // ends the batch: no job stalls its queue.
 void Program::drain()
 {
-    const qint64 bound = 3 * (qint64(driver.writeJobs.size()) + driver.conditionReads.size()) +
-                         4 * qint64(driver.rcpBlocks.size()) + 64;
+    // Both queues full, a cyclic read between runs, every recipe block: a
+    // nested call from a report may still fill the queues while this runs.
+    const qint64 bound = 3 * 2 * qint64(MAX_QUEUED_JOBS) + 4 * qint64(driver.rcpBlocks.size()) + 64;
     int idle = 0;
     for (qint64 i = 0; i < bound && idle < 2; ++i) {
         if (driver.writeJobs.isEmpty() && driver.conditionReads.isEmpty() && !framePending())
