@@ -254,7 +254,9 @@ void Program::drain()
     const qint64 bound = 3 * 2 * qint64(MAX_QUEUED_JOBS) + 4 * qint64(driver.rcpBlocks.size()) + 64;
     int idle = 0;
     for (qint64 i = 0; i < bound && idle < 2; ++i) {
-        if (driver.writeJobs.isEmpty() && driver.conditionReads.isEmpty() && !framePending())
+        // A batch of keys that named no unit ends when the next job is chosen,
+        // after the frame that is out.
+        if (driver.writeJobs.isEmpty() && driver.conditionReads.isEmpty() && !conditionBatchOwed())
             break;
         send();
         if (!haveFrame_) {
@@ -265,7 +267,6 @@ void Program::drain()
         deal(in_, goodReply(in_, frame_), &frame_, true);
         haveFrame_ = false;
     }
-    send(); // a batch of keys that name no unit ends here
     if (!driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty())
         fail("answered well, the exchange left %d writes and %d condition reads waiting", driver.writeJobs.size(),
              driver.conditionReads.size());

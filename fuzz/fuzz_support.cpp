@@ -471,6 +471,11 @@ void conditionBatchOpened()
     batch = callbackOn ? Batch::Open : Batch::Unseen;
 }
 
+bool conditionBatchOwed()
+{
+    return batch == Batch::Open;
+}
+
 void checkBatchEnded()
 {
     if (batch == Batch::Open)

@@ -164,6 +164,7 @@ void setCallback(int mode);
 // fails on an end no batch owes; checkBatchEnded fails while one is owed.
 void conditionBatchOpened();
 void checkBatchEnded();
+bool conditionBatchOwed();
 void setNestedCall(const std::function<void()> &call); // run once, from the next report
 void valueChanged(int deviceId, int station, const QString &regName, int address);
 
