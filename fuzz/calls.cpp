@@ -249,9 +249,11 @@ void Program::condition(KEY_ADDRESS k, int id)
 // ends the batch: no job stalls its queue.
 void Program::drain()
 {
-    // Both queues full, a cyclic read between runs, every recipe block: a
-    // nested call from a report may still fill the queues while this runs.
-    const qint64 bound = 3 * 2 * qint64(MAX_QUEUED_JOBS) + 4 * qint64(driver.rcpBlocks.size()) + 64;
+    // Both queues full, a cyclic read between runs, every recipe block written
+    // and read (V and Z a frame per word): a nested call from a report may
+    // still fill the queues while this runs.
+    const qint64 bound =
+        3 * 2 * qint64(MAX_QUEUED_JOBS) + 2 * (MAX_BLOCK_UNITS + 2) * qint64(driver.rcpBlocks.size()) + 64;
     int idle = 0;
     for (qint64 i = 0; i < bound && idle < 2; ++i) {
         // A batch of keys that named no unit ends when the next job is chosen,
