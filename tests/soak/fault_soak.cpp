@@ -7,10 +7,12 @@
 #include "runtime.h"
 #include "sim_link.h"
 
+#include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QLoggingCategory>
+#include <QtCore/QtEndian>
 
 #include <unistd.h>
 
@@ -29,8 +31,6 @@ namespace {
 // Job ids the soak hands the driver; cyclic reads carry the driver's own 4.
 const int CONDITION_ID_BASE = 1000, WRITE_ID_BASE = 100000000;
 const int STATION = 1, GAP = 16, TIMEOUT_MS = 100;  // gap: pieces of 16 words and 128 bits
-// Exchanges a condition batch or a recipe transfer may take before it counts as hung.
-const quint64 HUNG_AFTER = 50000;
 
 enum class Role { Write, Plc, Recipe };
 struct Area {
@@ -48,30 +48,6 @@ const Area AREAS[] = {
     {"200CP", 220, 4, Role::Recipe}, {"V", 10, 3, Role::Recipe},   {"TP", 100, 5, Role::Recipe},
     {"D_bit", 6400, 256, Role::Write},  // D400..D415 as bits; their write jobs are of "D" words
 };
-
-// Touching items make one block; V goes out word by word. A 32-bit item
-// holds one value: a recipe read stores one double word per item.
-const struct {
-    const char *reg;
-    int address, words, bufOffset;
-} RECIPE[] = {{"D", 3000, 4, 0},     {"D", 3004, 6, 4}, {"D", 3020, 3, 10}, {"200CP", 220, 2, 13},
-              {"200CP", 221, 2, 15}, {"V", 10, 3, 17},  {"TP", 100, 5, 20}};
-const int RECIPE_BYTES = 50;
-
-using Unit = QPair<QString, int>;
-
-// The area holding a unit; a word under a bit-in-word area belongs to that area.
-const Area *areaOf(const QString &reg, int address)
-{
-    for (const Area &a : AREAS) {
-        if (reg == QLatin1String(a.reg) && address >= a.first && address < a.first + a.units)
-            return &a;
-        if (reg == wordRegisterOfBits(a.reg) && address >= a.first / BITS_IN_WORD &&
-            address <= (a.first + a.units - 1) / BITS_IN_WORD)
-            return &a;
-    }
-    return nullptr;
-}
 
 UnitPlace wordPlace(const QString &reg, int address)
 {
@@ -132,9 +108,28 @@ const std::vector<QList<KEY_ADDRESS>> WATCH_LISTS = {
     {key("D", 100, 4), key("M", 0, 8)},
 };
 // Condition-read batches draw one to three of these.
-const QList<KEY_ADDRESS> CONDITION_KEYS = {key("D", 1000, 40), key("M", 0, 8),       key("D", 0, 10),
-                                           key("200CC", 200, 4), key("X", 0, 4),     key("D", 1200, 20),
+const QList<KEY_ADDRESS> CONDITION_KEYS = {key("D", 1000, 40), key("M", 0, 8),   key("D", 0, 10),
+                                           key("200CC", 200, 4), key("X", 0, 4), key("D", 1200, 20),
                                            key("M", 1000, 6),    key("256CC", 300, 2)};
+
+_RCP_VAR_PRO recipeItem(const char *reg, int address, int words, int bufOffset)
+{
+    _RCP_VAR_PRO item;
+    item.deviceId = 1;
+    item.station = STATION;
+    item.regName = reg;
+    item.address = address;
+    item.length = words;
+    item.bufOffset = bufOffset;
+    return item;
+}
+// Touching items make one block; V goes out word by word. A 32-bit item
+// holds one value: a recipe read stores one double word per item.
+const QVector<_RCP_VAR_PRO> RECIPE = {recipeItem("D", 3000, 4, 0),      recipeItem("D", 3004, 6, 4),
+                                      recipeItem("D", 3020, 3, 10),     recipeItem("200CP", 220, 2, 13),
+                                      recipeItem("200CP", 221, 2, 15), recipeItem("V", 10, 3, 17),
+                                      recipeItem("TP", 100, 5, 20)};
+const int RECIPE_BYTES = 50;
 
 long residentKiB()
 {
@@ -152,6 +147,7 @@ struct Config {
 };
 
 enum class JobKind { None, Cyclic, Write, Condition, Recipe, Unknown };
+using Unit = QPair<QString, int>;
 
 struct Soak {
     Soak(DriverLibrary &driver, const Config &c)
@@ -191,6 +187,10 @@ struct Soak {
             return k.regName == u.first && u.second >= k.address && u.second < k.address + keyUnits(k);
         });
     }
+    bool allAnswered() const
+    {
+        return std::all_of(ledger_.begin(), ledger_.end(), [](const Ledger &l) { return l.answered >= l.issued; });
+    }
 
     void issueWrite()
     {
@@ -203,23 +203,13 @@ struct Soak {
             const quint32 v = kind == UnitKind::Bit ? rng_() & 1
                               : kind == UnitKind::Word ? quint32(seq << 4 | i) & 0xFFFF
                                                        : (quint32(seq) << 8 | quint32(i)) ^ 0xA5000000u;
-            for (int b = 0; b < (kind == UnitKind::Bit ? 1 : kind == UnitKind::Word ? 2 : 4); ++b)
-                bytes.append(char(v >> (8 * b) & 0xFF));
-            open_[Unit(c.area->reg, c.address + i)].push_back(Written{seq, v});
-            ++openCount_;
+            const quint32 le = qToLittleEndian(v);
+            bytes.append(reinterpret_cast<const char *>(&le), kind == UnitKind::Bit ? 1 : kind == UnitKind::Word ? 2 : 4);
+            Ledger &l = ledger_[Unit(c.area->reg, c.address + i)];
+            l.issued = seq;
+            l.value = v;
         }
         rt_.write(STATION, c.area->reg, c.address, driverLength(kind, c.units), bytes, WRITE_ID_BASE + int(seq));
-    }
-
-    // Answers the open writes to the unit up to `seq`; returns how many.
-    int answer(const Unit &u, quint64 seq)
-    {
-        std::vector<Written> &open = open_[u];
-        const auto end = std::find_if(open.begin(), open.end(), [seq](const Written &w) { return w.seq > seq; });
-        const int n = int(end - open.begin());
-        open.erase(open.begin(), end);
-        openCount_ -= quint64(n);
-        return n;
     }
 
     void startBatch()
@@ -231,12 +221,15 @@ struct Soak {
             if (!chosen.contains(i))
                 chosen << i;
         }
-        batch_ = Batch{true, CONDITION_ID_BASE + int(batches_++ % 1000000), sent_};
+        batchOpen_ = true;
+        batchId_ = CONDITION_ID_BASE + int(batches_++ % 1000000);
+        pieces_ = piecesRead_ = 0;
+        endDue_ = 1;
         for (int i : chosen) {
             const KEY_ADDRESS &k = CONDITION_KEYS[i];
-            rt_.conditionRead(k, batch_.id);
+            rt_.conditionRead(k, batchId_);
             const int limit = k.dataType == -1 ? 8 * GAP : GAP;
-            batch_.pieces += (k.length + limit - 1) / limit;
+            pieces_ += (k.length + limit - 1) / limit;
         }
     }
 
@@ -245,12 +238,11 @@ struct Soak {
         recipeDir_ = dir;
         recipeOn_ = true;
         recipeGaveUp_ = false;
-        recipeStartedAt_ = sent_;
         rt_.startRecipe(dir);
     }
 
-    // One exchange and everything the driver reported with it; false when it
-    // had nothing to send.
+    // One exchange and what the driver reported with it; false when it had
+    // nothing to send.
     bool step(bool faultsOn)
     {
         const bool recipeBefore = recipeOn_ && rt_.recipeRunning(recipeDir_);
@@ -273,37 +265,34 @@ struct Soak {
         }
         prevKind_ = kind;
         prevResult_ = ex.result;
+        const bool ended = ex.result == 1 || ex.result == 2;
 
         const QVector<int> ends = rt_.takeBatchEnds();
         const QVector<ChangeReport> reports = rt_.takeReports();
         rt_.takeRecipeWords();
-        const Area *area = areaOf(ex.regName, ex.address);
-        const Role role = kind == JobKind::Write ? Role::Write : Role::Recipe;
-        if (kind == JobKind::Unknown ||
-            ((kind == JobKind::Write || kind == JobKind::Recipe) && (!area || area->role != role)))
-            fail("frame of job %1 for %2 outside its area", ex.jobId, unitName(ex.regName, ex.address));
+        if (kind == JobKind::Unknown || (kind == JobKind::Condition && (!batchOpen_ || ex.jobId != batchId_)))
+            fail("frame of job %1 for %2 fits no job of the soak (batch %3 %4)", ex.jobId,
+                 unitName(ex.regName, ex.address), batchId_, batchOpen_ ? "open" : "over");
         else if (kind == JobKind::Cyclic)
-            cyclicEnded_ += ex.result == 1 || ex.result == 2;
-        else if (kind == JobKind::Write && (ex.result == 1 || ex.result == 2))
-            onWrite(ex, *area, reports);
-        else if (kind == JobKind::Condition)
-            onCondition(ex);
+            cyclicEnded_ += ended;
+        else if (kind == JobKind::Write && ended)
+            onWrite(ex, reports);
         else if (kind == JobKind::Recipe)
             recipeGaveUp_ = recipeGaveUp_ || ex.result == 2;
+        else if (kind == JobKind::Condition && ex.result == 1 && ++piecesRead_ == pieces_)
+            endDue_ = 0;
+        else if (kind == JobKind::Condition && ex.result == 2)
+            endDue_ = piecesRead_ + 1 < pieces_ ? -2 : -1;  // -2: pieces were left, and are dropped
 
         // A batch ends with exactly one report: when its last piece has ended,
-        // or when any piece was given up (the rest of it is dropped).
-        if (batch_.open && batch_.expectEnd != 1) {
-            if (ends != QVector<int>{batch_.expectEnd})
-                fail("batch %1 ended (%2) with %3 end reports, the first %4", batch_.id, batch_.expectEnd, ends.size(),
-                     ends.value(0));
-            ++(batch_.dropped ? batchesDropped_ : batch_.expectEnd == 0 ? batchesRead_ : batchesFailed_);
-            batch_.open = false;
+        // or when any piece was given up.
+        if (batchOpen_ && endDue_ != 1) {
+            if (ends != QVector<int>{std::max(endDue_, -1)})
+                fail("batch %1 ended (%2) with %3 end reports, the first %4", batchId_, endDue_, ends.size(), ends.value(0));
+            ++(endDue_ == -2 ? batchesDropped_ : endDue_ == 0 ? batchesRead_ : batchesFailed_);
+            batchOpen_ = false;
         } else if (!ends.isEmpty()) {
-            fail("end-of-batch report %1 while batch %2 is %3", ends[0], batch_.id, batch_.open ? "reading" : "over");
-        } else if (batch_.open && sent_ - batch_.startedAt > HUNG_AFTER) {
-            fail("batch %1 has not ended after %2 exchanges", batch_.id, HUNG_AFTER);
-            batch_.open = false;
+            fail("end-of-batch report %1 while batch %2 is %3", ends[0], batchId_, batchOpen_ ? "reading" : "over");
         }
 
         if (recipeOn_) {
@@ -315,52 +304,43 @@ struct Soak {
                 recipeEndedAt_ = sent_;
                 ++recipes_;
                 recipesGivenUp_ += recipeGaveUp_;
-            } else if (sent_ - recipeStartedAt_ > HUNG_AFTER) {
-                fail("recipe transfer still running after %1 exchanges", HUNG_AFTER);
-                recipeOn_ = false;
             }
         }
         return ex.sent;
     }
 
-    void onWrite(const Exchange &ex, const Area &area, const QVector<ChangeReport> &reports)
+    // A unit is always written in the same range, so its jobs go out in the
+    // order of its writes, a queued job taking over the value and id of a
+    // newer write to its range: an outcome for job id k answers the unit's
+    // writes up to k, and k is a write to every unit of the job.
+    void onWrite(const Exchange &ex, const QVector<ChangeReport> &reports)
     {
         const quint64 seq = quint64(ex.jobId - WRITE_ID_BASE);
-        if (!wordRegisterOfBits(area.reg).isEmpty()) {
-            // A word job of bits carries every bit still pending in its words,
-            // so it answers all their bit writes up to its id (a later job over
-            // other words may have answered them already).
-            for (int bit = ex.address * BITS_IN_WORD; bit < (ex.address + ex.length) * BITS_IN_WORD; ++bit)
-                answer(Unit(area.reg, bit), seq);
-        } else {
-            for (int i = 0; i < ex.length; ++i)
-                if (answer(Unit(ex.regName, ex.address + i), seq) == 0)
-                    fail("write job %1 answered for %2, which had no open write", ex.jobId,
-                         unitName(ex.regName, ex.address + i));
-        }
-        ++(ex.result == 1 ? writeAcked_ : writeFailed_);
-        // A given-up write falls back, and the runtime hears of each bit and
-        // each watched unit it covered.
-        for (int i = 0; ex.result == 2 && i < ex.length; ++i) {
-            const Unit u(ex.regName, ex.address + i);
-            const bool heard = std::any_of(reports.begin(), reports.end(), [&](const ChangeReport &r) {
-                return r.regName == u.first && r.address == u.second;
-            });
-            if (!heard && (unitKindOf(u.first) == UnitKind::Bit || watched(u)))
+        for (int i = 0; i < ex.length; ++i) {
+            const Unit u(ex.regName, ex.address + i), firstBit(bitInWordRegister(u.first), u.second * BITS_IN_WORD);
+            if (ledger_.contains(u)) {
+                if (seq <= ledger_[u].answered)
+                    fail("write job %1 ended for %2, whose writes up to it had ended", ex.jobId, unitName(u.first, u.second));
+                ledger_[u].answered = seq;
+            } else if (ledger_.contains(firstBit)) {
+                // A word job of bits carries every bit still pending in its
+                // word, so it answers all their writes up to its id (a later
+                // job over other words may have answered them already).
+                for (int b = 0; b < BITS_IN_WORD; ++b) {
+                    Ledger &l = ledger_[Unit(firstBit.first, firstBit.second + b)];
+                    l.answered = std::max(l.answered, seq);
+                }
+            } else {
+                fail("write job %1 for %2 outside the written areas", ex.jobId, unitName(u.first, u.second));
+            }
+            // A given-up write falls back, and the runtime hears of each bit
+            // and each watched unit it covered.
+            if (ex.result == 2 && (unitKindOf(u.first) == UnitKind::Bit || watched(u)) &&
+                std::none_of(reports.begin(), reports.end(),
+                             [&](const ChangeReport &r) { return r.regName == u.first && r.address == u.second; }))
                 fail("given-up write to %1 was not reported to the callback", unitName(u.first, u.second));
         }
-    }
-
-    void onCondition(const Exchange &ex)
-    {
-        if (!batch_.open || ex.jobId != batch_.id) {
-            fail("condition read with id %1 while batch %2 is %3", ex.jobId, batch_.id, batch_.open ? "open" : "over");
-        } else if (ex.result == 1 && ++batch_.piecesRead == batch_.pieces) {
-            batch_.expectEnd = 0;
-        } else if (ex.result == 2) {
-            batch_.expectEnd = -1;
-            batch_.dropped = batch_.piecesRead + 1 < batch_.pieces;
-        }
+        ++(ex.result == 1 ? writeAcked_ : writeFailed_);
     }
 
     // With the faults and new work stopped, the cache must come back to the
@@ -390,32 +370,26 @@ struct Soak {
                 const QByteArray b = rt_.read(STATION, k.regName, k.address + i, k.dataType == 1 ? 2 : 1);
                 quint32 cached = 0;
                 for (int j = b.size() - 1; j >= 0; --j)
-                    cached = cached << 8 | static_cast<unsigned char>(b[j]);
+                    cached = cached << 8 | uchar(b[j]);
                 const quint32 held = simValue(sim_, k.regName, k.address + i);
                 if (cached != held && ++mismatches_ <= 8)
                     fail("%1 shows %2, the PLC holds %3", unitName(k.regName, k.address + i), cached, held);
             }
 
-        // What is still queued goes out. A write no outcome answered is lost
-        // unless the PLC holds its value or a later write's; every write must
-        // have had an outcome all the same, as a bit holds a lost write's
-        // value half the time.
-        runUntil([&] { return openCount_ == 0 && !batch_.open && !recipeOn_; }, 20000);
-        for (auto it = open_.cbegin(); it != open_.cend(); ++it) {
-            const quint32 held = simValue(sim_, it.key().first, it.key().second);
-            size_t covered = it->size();
-            while (covered > 0 && (*it)[covered - 1].value != held)
-                --covered;
-            unanswered_ += covered;
-            lost_ += it->size() - covered;
-            if (it->size() > covered)
-                fail("a write to %1 is lost: not in the PLC, not reported failed",
-                     unitName(it.key().first, it.key().second));
+        // What is still queued goes out. Then a unit whose last write had no
+        // outcome has lost it unless the PLC holds its value; an outcome is
+        // due all the same, as a bit holds a lost write's value half the time.
+        runUntil([&] { return allAnswered() && !batchOpen_ && !recipeOn_; }, 20000);
+        for (auto it = ledger_.cbegin(); it != ledger_.cend(); ++it) {
+            if (it->answered >= it->issued)
+                continue;
+            const bool held = simValue(sim_, it.key().first, it.key().second) == it->value;
+            ++(held ? unanswered_ : lost_);
+            fail(held ? "the last write to %1 had no outcome" : "the last write to %1 is lost: not in the PLC, no outcome",
+                 unitName(it.key().first, it.key().second));
         }
-        if (unanswered_ > 0)
-            fail("%1 writes never had an outcome, their own or a later one's", unanswered_);
-        if (batch_.open)
-            fail("batch %1 still open at the end", batch_.id);
+        if (batchOpen_)
+            fail("batch %1 still open at the end", batchId_);
     }
 
     // On the clean line, a recipe written from the buffer must be in the PLC,
@@ -423,11 +397,10 @@ struct Soak {
     void recipeRoundTrip()
     {
         unsigned char *buf = rt_.recipeBuffer();
-        std::vector<unsigned char> written(RECIPE_BYTES);
-        for (unsigned char &b : written)
-            b = uchar(rng_());
+        QByteArray written(RECIPE_BYTES, 0);
+        for (char &b : written)
+            b = char(rng_());
         std::copy(written.begin(), written.end(), buf);
-        const auto word = [&](int w) { return quint32(written[size_t(2 * w)]) | quint32(written[size_t(2 * w + 1)]) << 8; };
         const quint64 gaveUpBefore = rt_.stats().givenUp;
         for (RecipeDirection dir : {RecipeDirection::Write, RecipeDirection::Read}) {
             if (dir == RecipeDirection::Read)
@@ -437,17 +410,17 @@ struct Soak {
             if (recipeOn_ || rt_.recipeRunning(dir))
                 return fail("the final recipe transfer did not end");
         }
-        for (const auto &r : RECIPE) {
-            const bool dword = unitKindOf(r.reg) == UnitKind::DoubleWord;
-            for (int i = 0; i < (dword ? r.words / 2 : r.words); ++i) {
-                const int w = r.bufOffset + (dword ? 2 * i : i);
-                const quint32 want = dword ? word(w) | word(w + 1) << 16 : word(w);
-                if (simValue(sim_, r.reg, r.address + i) != want)
-                    fail("recipe write left %1 at %2, the buffer held %3", unitName(r.reg, r.address + i),
-                         simValue(sim_, r.reg, r.address + i), want);
+        for (const _RCP_VAR_PRO &r : RECIPE) {
+            const bool dword = unitKindOf(r.regName) == UnitKind::DoubleWord;
+            for (int i = 0; i < (dword ? r.length / 2 : r.length); ++i) {
+                const uchar *at = reinterpret_cast<const uchar *>(written.constData()) + 2 * r.bufOffset + (dword ? 4 : 2) * i;
+                const quint32 want = dword ? qFromLittleEndian<quint32>(at) : qFromLittleEndian<quint16>(at);
+                if (simValue(sim_, r.regName, r.address + i) != want)
+                    fail("recipe write left %1 at %2, the buffer held %3", unitName(r.regName, r.address + i),
+                         simValue(sim_, r.regName, r.address + i), want);
             }
         }
-        if (!std::equal(written.begin(), written.end(), buf))
+        if (QByteArray(reinterpret_cast<const char *>(buf), RECIPE_BYTES) != written)
             fail("the recipe read back is not what was written");
         if (rt_.stats().givenUp != gaveUpBefore)
             fail("a job was given up on the clean line");
@@ -460,17 +433,7 @@ struct Soak {
         QString unused;
         link_.open(&unused);
         rt_.start();
-        QVector<_RCP_VAR_PRO> items;
-        for (const auto &r : RECIPE) {
-            items << _RCP_VAR_PRO();
-            items.last().deviceId = 1;
-            items.last().station = STATION;
-            items.last().regName = r.reg;
-            items.last().address = r.address;
-            items.last().length = r.words;
-            items.last().bufOffset = r.bufOffset;
-        }
-        if (rt_.setRecipe(items) != items.size())
+        if (rt_.setRecipe(RECIPE) != RECIPE.size())
             fail("the driver did not take the recipe items");
 
         // A bit write to a word the driver has never read waits for a read of
@@ -480,8 +443,11 @@ struct Soak {
         QList<KEY_ADDRESS> bitWords;
         std::vector<const Area *> plcAreas;
         for (const Area &a : AREAS) {
-            for (int i = 0; i < a.units; ++i)
+            for (int i = 0; i < a.units; ++i) {
                 setSimValue(sim_, a.reg, a.first + i, unitKindOf(a.reg) == UnitKind::Bit ? rng_() & 1 : rng_());
+                if (a.role == Role::Write)
+                    ledger_[Unit(a.reg, a.first + i)];
+            }
             if (!wordRegisterOfBits(a.reg).isEmpty())
                 bitWords << key(a.reg, a.first, a.units);
             if (a.role == Role::Plc)
@@ -505,7 +471,7 @@ struct Soak {
             }
             if (random(10) == 0)
                 issueWrite();
-            if (!batch_.open && random(64) == 0)
+            if (!batchOpen_ && random(64) == 0)
                 startBatch();
             if (!recipeOn_ && sent_ - recipeEndedAt_ > 2000 && random(256) == 0) {
                 const bool write = recipeDir_ == RecipeDirection::Read;
@@ -556,34 +522,23 @@ struct Soak {
     };
     std::vector<Chunk> chunks_;
     QList<KEY_ADDRESS> watching_;
-
-    // The writes no job outcome has answered yet, by unit in issue order. A
-    // unit is always written in one range, so its jobs go out in the order of
-    // the writes, a queued job taking over the value and id of a newer write
-    // to its range: an outcome for job id k answers the unit's writes up to k.
-    struct Written {
-        quint64 seq;
-        quint32 value;
+    // Per written unit: its last write (number and value) and the highest
+    // write number an outcome has answered.
+    struct Ledger {
+        quint64 issued = 0, answered = 0;
+        quint32 value = 0;
     };
-    QHash<Unit, std::vector<Written>> open_;
-    quint64 openCount_ = 0;
-
-    struct Batch {
-        bool open;
-        int id;
-        quint64 startedAt;
-        int pieces = 0, piecesRead = 0;
-        int expectEnd = 1;  // 0 read, -1 given up; 1 none due
-        bool dropped = false;
-    } batch_ = Batch{false, 0, 0};
-
+    QHash<Unit, Ledger> ledger_;
+    // The open condition-read batch: its end report is due as 0 (read), -1
+    // (given up) or -2 (given up with pieces left, which are dropped), or not
+    // yet (1).
+    bool batchOpen_ = false;
+    int batchId_ = 0, pieces_ = 0, piecesRead_ = 0, endDue_ = 1;
     bool recipeOn_ = false, recipeGaveUp_ = false;
     RecipeDirection recipeDir_ = RecipeDirection::Write;
-    quint64 recipeStartedAt_ = 0, recipeEndedAt_ = 0;
-
     JobKind prevKind_ = JobKind::None;
     int prevResult_ = 0;
-    quint64 sent_ = 0, cyclicEnded_ = 0;  // sent_ counts the settling too
+    quint64 sent_ = 0, cyclicEnded_ = 0, recipeEndedAt_ = 0;  // sent_ counts the settling too
     unsigned long long exchanges_ = 0, writes_ = 0, writeAcked_ = 0, writeFailed_ = 0, lost_ = 0, unanswered_ = 0,
                        batches_ = 0, batchesRead_ = 0, batchesFailed_ = 0, batchesDropped_ = 0, recipes_ = 0,
                        recipesGivenUp_ = 0, mismatches_ = 0;
@@ -596,53 +551,45 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     // The driver's debug lines of planning and queueing would swamp the run.
     QLoggingCategory::setFilterRules("*.debug=false");
-    const QByteArray usage =
-        "usage: kq71_soak [--quick] [--exchanges N] [--seed N] [--fault-rate R] [--KIND R]... [--retries N]\n"
-        "  [--switch-every N] [--driver PATH] [--no-memory-check] [--progress]\n"
-        "--quick: 100000 exchanges (default 1000000), watch list switched every 2000 (default 5000);\n"
-        "--fault-rate: replies spoiled (default 0.18), spread over the KINDs drop, cut, bad-crc,\n"
-        "wrong-station, wrong-function, exception, noise, echo and delay, unless a kind is given its own\n";
-    QSet<QByteArray> flags;
-    QHash<QByteArray, double> numbers;
-    QString driverPath = KQ71_DRIVER_FILE;
-    for (int i = 1; i < argc; ++i) {
-        const QByteArray a = argv[i];
-        bool ok = i + 1 < argc && a.startsWith("--");
-        if (a == "--quick" || a == "--no-memory-check" || a == "--progress") {
-            flags << a;
-        } else if (a == "--driver" && ok) {
-            driverPath = QString::fromLocal8Bit(argv[++i]);
-        } else if (!ok || a == "--help" || (numbers[a] = QByteArray(argv[++i]).toDouble(&ok)) < 0 || !ok) {
-            fputs(usage.constData(), a == "--help" ? stdout : stderr);
-            return a == "--help" ? 0 : 2;
-        }
-    }
-    const auto number = [&](const QByteArray &option, double otherwise) {
-        return numbers.contains(option) ? numbers.take(option) : otherwise;
+    QCommandLineParser args;
+    args.addHelpOption();
+    args.addOptions({{"quick", "The CI run: 100000 exchanges, the watch list switched every 2000."},
+                     {"exchanges", "Frames sent with the faults on (default 1000000).", "N"},
+                     {"seed", "Seed of the faults and of the work (default 1).", "N"},
+                     {"fault-rate", "Share of replies spoiled, spread evenly over the kinds (default 0.18).", "R"},
+                     {"retries", "The driver's retry limit (default 3).", "N"},
+                     {"switch-every", "Exchanges between watch-list changes (default 5000).", "N"},
+                     {"driver", "The driver library.", "PATH", KQ71_DRIVER_FILE},
+                     {"no-memory-check", "Leave resident memory unchecked (as under Valgrind)."},
+                     {"progress", "A line on stderr every tenth of the run."}});
+    for (int k = 1; k < kq71sim::FaultKinds; ++k)
+        args.addOption({kq71sim::faultName(kq71sim::Fault(k)), "The rate of this kind of fault.", "R"});
+    args.process(app);
+    const auto number = [&](const QString &option, double otherwise) {
+        bool ok = true;
+        const double v = args.isSet(option) ? args.value(option).toDouble(&ok) : otherwise;
+        if (!ok || v < 0)
+            args.showHelp(2);
+        return v;
     };
-    const bool quick = flags.contains("--quick");
-    Config c{(unsigned long long)number("--exchanges", quick ? 100000 : 1000000), quint32(number("--seed", 1)),
-             FaultRates(), int(number("--retries", 3)), int(number("--switch-every", quick ? 2000 : 5000)),
-             !flags.contains("--no-memory-check"), flags.contains("--progress")};
+    const bool quick = args.isSet("quick");
+    Config c{(unsigned long long)number("exchanges", quick ? 100000 : 1000000), quint32(number("seed", 1)),
+             FaultRates(), int(number("retries", 3)), int(number("switch-every", quick ? 2000 : 5000)),
+             !args.isSet("no-memory-check"), args.isSet("progress")};
     // In the order of kq71sim::Fault, whose names the options take.
     double FaultRates::*const kinds[] = {&FaultRates::drop,         &FaultRates::cut,           &FaultRates::badCrc,
                                          &FaultRates::wrongStation, &FaultRates::wrongFunction, &FaultRates::exception,
                                          &FaultRates::noise,        &FaultRates::echo,          &FaultRates::delay};
-    const double even = number("--fault-rate", 0.18) / 9;
     for (int k = 1; k < kq71sim::FaultKinds; ++k)
-        c.faults.*kinds[k - 1] = number(QByteArray("--") + kq71sim::faultName(kq71sim::Fault(k)), even);
+        c.faults.*kinds[k - 1] = number(kq71sim::faultName(kq71sim::Fault(k)), number("fault-rate", 0.18) / 9);
     c.faults.delayMs = 3 * TIMEOUT_MS;
 #if defined(__SANITIZE_ADDRESS__)
     c.checkMemory = false;  // the allocator holds freed memory in quarantine
 #endif
-    if (!numbers.isEmpty()) {
-        fprintf(stderr, "kq71_soak: unknown option %s\n%s", numbers.begin().key().constData(), usage.constData());
-        return 2;
-    }
 
     DriverLibrary driver;
     QString error;
-    if (!driver.load(driverPath, &error)) {
+    if (!driver.load(args.value("driver"), &error)) {
         fprintf(stderr, "kq71_soak: %s\n", qPrintable(error));
         return 2;
     }
