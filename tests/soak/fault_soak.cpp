@@ -10,7 +10,6 @@
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QHash>
 #include <QtCore/QLoggingCategory>
 #include <QtCore/QtEndian>
 
@@ -19,9 +18,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <functional>
-#include <random>
-#include <vector>
 
 using namespace kq71rt;
 using kq71sim::FaultRates;
@@ -30,7 +26,7 @@ namespace {
 
 // Job ids the soak hands the driver; cyclic reads carry the driver's own 4.
 const int CONDITION_ID_BASE = 1000, WRITE_ID_BASE = 100000000;
-const int STATION = 1, GAP = 16, TIMEOUT_MS = 100;  // gap: pieces of 16 words and 128 bits
+const int STATION = 1, GAP = 16, TIMEOUT_MS = 100, RECIPE_BYTES = 50;  // gap: pieces of 16 words and 128 bits
 
 enum class Role { Write, Plc, Recipe };
 struct Area {
@@ -49,36 +45,27 @@ const Area AREAS[] = {
     {"D_bit", 6400, 256, Role::Write},  // D400..D415 as bits; their write jobs are of "D" words
 };
 
-UnitPlace wordPlace(const QString &reg, int address)
+// A unit's value in the PLC, after `set` is written to it when not negative.
+quint32 plc(kq71sim::PlcSimulator &sim, const QString &reg, int address, qint64 set = -1)
 {
     const QString word = wordRegisterOfBits(reg);
-    return word.isEmpty() ? placeOf(reg, address) : placeOf(word, address / BITS_IN_WORD);
-}
-
-quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int address)
-{
-    const UnitPlace p = wordPlace(reg, address);
-    if (!wordRegisterOfBits(reg).isEmpty())
-        return sim.reg(p.wire) >> (address % BITS_IN_WORD) & 1;
-    if (p.kind == UnitKind::Bit)
-        return sim.bit(p.wire) ? 1 : 0;
-    return p.kind == UnitKind::DoubleWord ? quint32(sim.reg(p.wire)) | quint32(sim.reg(p.wire + 1)) << 16
-                                          : sim.reg(p.wire);
-}
-
-void setSimValue(kq71sim::PlcSimulator &sim, const QString &reg, int address, quint32 value)
-{
-    const UnitPlace p = wordPlace(reg, address);
-    if (!wordRegisterOfBits(reg).isEmpty()) {
-        const quint16 mask = quint16(1u << (address % BITS_IN_WORD));
-        sim.setReg(p.wire, quint16((sim.reg(p.wire) & ~mask) | (value & 1 ? mask : 0)));
-    } else if (p.kind == UnitKind::Bit) {
-        sim.setBit(p.wire, value & 1);
-    } else {
-        sim.setReg(p.wire, quint16(value));
-        if (p.kind == UnitKind::DoubleWord)
-            sim.setReg(p.wire + 1, quint16(value >> 16));
+    const UnitPlace p = word.isEmpty() ? placeOf(reg, address) : placeOf(word, address / BITS_IN_WORD);
+    const int bit = address % BITS_IN_WORD;
+    if (!word.isEmpty()) {
+        if (set >= 0)
+            sim.setReg(p.wire, quint16((sim.reg(p.wire) & ~(1u << bit)) | (set & 1) << bit));
+        return sim.reg(p.wire) >> bit & 1;
     }
+    if (p.kind == UnitKind::Bit) {
+        if (set >= 0)
+            sim.setBit(p.wire, set & 1);
+        return sim.bit(p.wire) ? 1 : 0;
+    }
+    if (set >= 0 && p.kind == UnitKind::DoubleWord)
+        sim.setReg(p.wire + 1, quint16(set >> 16));
+    if (set >= 0)
+        sim.setReg(p.wire, quint16(set));
+    return p.kind == UnitKind::DoubleWord ? sim.reg(p.wire) | quint32(sim.reg(p.wire + 1)) << 16 : sim.reg(p.wire);
 }
 
 KEY_ADDRESS key(const QString &reg, int address, int units)
@@ -125,11 +112,10 @@ _RCP_VAR_PRO recipeItem(const char *reg, int address, int words, int bufOffset)
 }
 // Touching items make one block; V goes out word by word. A 32-bit item
 // holds one value: a recipe read stores one double word per item.
-const QVector<_RCP_VAR_PRO> RECIPE = {recipeItem("D", 3000, 4, 0),      recipeItem("D", 3004, 6, 4),
-                                      recipeItem("D", 3020, 3, 10),     recipeItem("200CP", 220, 2, 13),
+const QVector<_RCP_VAR_PRO> RECIPE = {recipeItem("D", 3000, 4, 0),     recipeItem("D", 3004, 6, 4),
+                                      recipeItem("D", 3020, 3, 10),    recipeItem("200CP", 220, 2, 13),
                                       recipeItem("200CP", 221, 2, 15), recipeItem("V", 10, 3, 17),
                                       recipeItem("TP", 100, 5, 20)};
-const int RECIPE_BYTES = 50;
 
 long residentKiB()
 {
@@ -138,30 +124,128 @@ long residentKiB()
     return pages < 0 ? -1 : pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-struct Config {
-    unsigned long long exchanges;  // frames sent while the faults are on
-    quint32 seed;
-    FaultRates faults;
-    int retries, switchEvery;
-    bool checkMemory, progress;
-};
-
 enum class JobKind { None, Cyclic, Write, Condition, Recipe, Unknown };
 using Unit = QPair<QString, int>;
 
-struct Soak {
-    Soak(DriverLibrary &driver, const Config &c)
-        : c_(c), sim_(kq71sim::SimOptions{STATION, false, c.seed, c.faults}), link_(sim_),
-          rt_(driver, link_, RuntimeOptions{1, false, c.retries, GAP, TIMEOUT_MS, RECIPE_BYTES}), rng_(c.seed ^ 0x5EEDu)
+class Soak {
+public:
+    Soak(DriverLibrary &driver, QCommandLineParser &args)
+        : args_(args), rt_(driver, link_, RuntimeOptions{1, false, int(number("retries", 3)), GAP, TIMEOUT_MS, RECIPE_BYTES})
     {
         // A unit is always written in the same range, as a screen object
         // writes its own address; some ranges are longer than a piece.
         static const int SIZES[] = {1, 2, 1, 4, 3, 1, 8, 2, 20, 1, 16, 5};
         for (const Area &a : AREAS)
-            for (int at = a.first, s = 0; a.role == Role::Write && at < a.first + a.units; at += chunks_.back().units)
-                chunks_.push_back(Chunk{&a, at, std::min(SIZES[s++ % 12], a.first + a.units - at)});
+            for (int at = a.first, s = 0; a.role == Role::Write && at < a.first + a.units; at += keyUnits(chunks_.back()))
+                chunks_.push_back(key(a.reg, at, std::min(SIZES[s++ % 12], a.first + a.units - at)));
     }
 
+    bool run()
+    {
+        QElapsedTimer timer;
+        timer.start();
+        rt_.start();
+        if (rt_.setRecipe(RECIPE) != RECIPE.size())
+            fail("the driver did not take the recipe items");
+
+        // A bit write to a word the driver has never read waits for a read of
+        // it, and falls back without a job outcome if that read is given up.
+        // So the words under the bit areas are read once on a clean line, and
+        // every bit write becomes a read-modify-write job of its own.
+        QList<KEY_ADDRESS> bitWords;
+        std::vector<const Area *> plcAreas;
+        for (const Area &a : AREAS) {
+            for (int i = 0; i < a.units; ++i) {
+                plc(sim_, a.reg, a.first + i, unitKindOf(a.reg) == UnitKind::Bit ? rng_() & 1 : rng_());
+                if (a.role == Role::Write)
+                    ledger_[Unit(a.reg, a.first + i)];
+            }
+            if (!wordRegisterOfBits(a.reg).isEmpty())
+                bitWords << key(a.reg, a.first, a.units);
+            if (a.role == Role::Plc)
+                plcAreas.push_back(&a);
+        }
+        const FaultRates faults = sim_.options().faults;
+        sim_.setFaults(FaultRates());
+        const quint64 bitWordsRead = cyclicEnded_ + quint64(rt_.watch(bitWords));
+        runUntil([&] { return cyclicEnded_ >= bitWordsRead; }, 1000);
+        if (cyclicEnded_ < bitWordsRead)
+            fail("the words of the bit areas were not read on the clean line");
+        sim_.setFaults(faults);
+
+        const quint64 tenth = std::max(total_ / 10, 1ull);
+        quint64 nextSwitch = switchEvery_;
+        long rssWarmKiB = -1;
+        watch(WATCH_LISTS[0]);
+        while (exchanges_ < total_ && failures_.size() < 40) {
+            if (exchanges_ >= nextSwitch) {
+                watch(WATCH_LISTS[nextSwitch / switchEvery_ % WATCH_LISTS.size()]);
+                nextSwitch += switchEvery_;
+            }
+            if (random(10) == 0)
+                issueWrite();
+            if (!batchOpen_ && random(64) == 0)
+                startBatch();
+            if (!recipeOn_ && sent_ - recipeEndedAt_ > 2000 && random(256) == 0)
+                startRecipe(recipeDir_ == RecipeDirection::Read ? RecipeDirection::Write : RecipeDirection::Read);
+            if (random(16) == 0) {  // the PLC changes a value of its own
+                const Area &a = *plcAreas[size_t(random(int(plcAreas.size())))];
+                plc(sim_, a.reg, a.first + random(a.units), unitKindOf(a.reg) == UnitKind::Bit ? rng_() & 1 : rng_());
+            }
+            if (!step(true) || exchanges_ % tenth != 0)
+                continue;
+            if (rssWarmKiB < 0)
+                rssWarmKiB = residentKiB();
+            if (args_.isSet("progress"))
+                fprintf(stderr, "soak: %llu of %llu exchanges, %.1f s\n", exchanges_, total_, timer.elapsed() / 1e3);
+        }
+        const quint64 faultCount = sim_.stats().faults, settleFrom = sent_;
+        settle();
+        recipeRoundTrip();
+
+        bool checkMemory = !args_.isSet("no-memory-check");
+#if defined(__SANITIZE_ADDRESS__)
+        checkMemory = false;  // the allocator holds freed memory in quarantine
+#endif
+        const long rssEndKiB = residentKiB();
+        if (checkMemory && (rssWarmKiB < 0 || rssEndKiB < 0 || rssEndKiB - rssWarmKiB >= 1024))
+            fail("resident memory went from %1 KiB after a tenth of the run to %2 KiB", rssWarmKiB, rssEndKiB);
+        for (const QString &f : failures_)
+            fprintf(stderr, "FAILED: %s\n", qPrintable(f));
+        const QString rss = checkMemory ? QString("%1 KiB").arg(rssEndKiB - rssWarmKiB) : "not checked";
+        printf("soak %s: exchanges=%llu (+%llu settling) faults=%llu retries=%llu given-up=%llu writes=%llu (jobs "
+               "failed=%llu) lost=%llu unanswered=%llu condition-batches=%llu (failed=%llu dropped=%llu) "
+               "recipe-transfers=%llu (given-up=%llu) mismatches=%llu rss-growth=%s time=%.1f s\n",
+               failures_.isEmpty() ? "PASSED" : "FAILED", exchanges_, sent_ - settleFrom, faultCount,
+               (unsigned long long)rt_.stats().retries, (unsigned long long)rt_.stats().givenUp, writes_, writesFailed_,
+               lost_, unanswered_, batches_, batchesFailed_, batchesDropped_, recipes_, recipesGivenUp_, mismatches_,
+               qPrintable(rss), timer.elapsed() / 1e3);
+        return failures_.isEmpty();
+    }
+
+private:
+    // An option's number, or `otherwise` when it is not given.
+    double number(const QString &option, double otherwise)
+    {
+        bool ok = true;
+        const double v = args_.isSet(option) ? args_.value(option).toDouble(&ok) : otherwise;
+        if (!ok || v < 0)
+            args_.showHelp(2);
+        return v;
+    }
+    FaultRates faults()
+    {
+        // In the order of kq71sim::Fault, whose names the options take.
+        double FaultRates::*const kinds[] = {&FaultRates::drop,      &FaultRates::cut,          &FaultRates::badCrc,
+                                             &FaultRates::wrongStation, &FaultRates::wrongFunction,
+                                             &FaultRates::exception, &FaultRates::noise,        &FaultRates::echo,
+                                             &FaultRates::delay};
+        FaultRates f;
+        for (int k = 1; k < kq71sim::FaultKinds; ++k)
+            f.*kinds[k - 1] = number(kq71sim::faultName(kq71sim::Fault(k)), number("fault-rate", 0.18) / 9);
+        f.delayMs = 3 * TIMEOUT_MS;
+        return f;
+    }
     template <class... Args>
     void fail(const char *text, const Args &...args)
     {
@@ -181,42 +265,31 @@ struct Soak {
         watching_ = keys;
         return rt_.watch(keys);
     }
-    bool watched(const Unit &u) const
-    {
-        return std::any_of(watching_.begin(), watching_.end(), [&](const KEY_ADDRESS &k) {
-            return k.regName == u.first && u.second >= k.address && u.second < k.address + keyUnits(k);
-        });
-    }
-    bool allAnswered() const
-    {
-        return std::all_of(ledger_.begin(), ledger_.end(), [](const Ledger &l) { return l.answered >= l.issued; });
-    }
 
     void issueWrite()
     {
-        const Chunk &c = chunks_[size_t(random(int(chunks_.size())))];
-        const UnitKind kind = unitKindOf(c.area->reg);
+        const KEY_ADDRESS &c = chunks_[size_t(random(int(chunks_.size())))];
+        const UnitKind kind = unitKindOf(c.regName);
         const quint64 seq = ++writes_;
         QByteArray bytes;
-        for (int i = 0; i < c.units; ++i) {
+        for (int i = 0; i < keyUnits(c); ++i) {
             // Tagged with the write's number, so that a stale value is told apart.
             const quint32 v = kind == UnitKind::Bit ? rng_() & 1
                               : kind == UnitKind::Word ? quint32(seq << 4 | i) & 0xFFFF
                                                        : (quint32(seq) << 8 | quint32(i)) ^ 0xA5000000u;
             const quint32 le = qToLittleEndian(v);
             bytes.append(reinterpret_cast<const char *>(&le), kind == UnitKind::Bit ? 1 : kind == UnitKind::Word ? 2 : 4);
-            Ledger &l = ledger_[Unit(c.area->reg, c.address + i)];
+            Ledger &l = ledger_[Unit(c.regName, c.address + i)];
             l.issued = seq;
             l.value = v;
         }
-        rt_.write(STATION, c.area->reg, c.address, driverLength(kind, c.units), bytes, WRITE_ID_BASE + int(seq));
+        rt_.write(STATION, c.regName, c.address, c.length, bytes, WRITE_ID_BASE + int(seq));
     }
 
     void startBatch()
     {
-        const int n = 1 + random(3);
         QList<int> chosen;
-        while (chosen.size() < n) {
+        for (const int n = 1 + random(3); chosen.size() < n;) {
             const int i = random(CONDITION_KEYS.size());
             if (!chosen.contains(i))
                 chosen << i;
@@ -233,8 +306,11 @@ struct Soak {
         }
     }
 
+    // A recipe write sends a fresh buffer.
     void startRecipe(RecipeDirection dir)
     {
+        for (int i = 0; dir == RecipeDirection::Write && i < RECIPE_BYTES; ++i)
+            rt_.recipeBuffer()[i] = uchar(rng_());
         recipeDir_ = dir;
         recipeOn_ = true;
         recipeGaveUp_ = false;
@@ -282,14 +358,15 @@ struct Soak {
         else if (kind == JobKind::Condition && ex.result == 1 && ++piecesRead_ == pieces_)
             endDue_ = 0;
         else if (kind == JobKind::Condition && ex.result == 2)
-            endDue_ = piecesRead_ + 1 < pieces_ ? -2 : -1;  // -2: pieces were left, and are dropped
+            endDue_ = piecesRead_ + 1 < pieces_ ? -2 : -1;
 
         // A batch ends with exactly one report: when its last piece has ended,
         // or when any piece was given up.
         if (batchOpen_ && endDue_ != 1) {
             if (ends != QVector<int>{std::max(endDue_, -1)})
                 fail("batch %1 ended (%2) with %3 end reports, the first %4", batchId_, endDue_, ends.size(), ends.value(0));
-            ++(endDue_ == -2 ? batchesDropped_ : endDue_ == 0 ? batchesRead_ : batchesFailed_);
+            batchesFailed_ += endDue_ == -1;
+            batchesDropped_ += endDue_ == -2;
             batchOpen_ = false;
         } else if (!ends.isEmpty()) {
             fail("end-of-batch report %1 while batch %2 is %3", ends[0], batchId_, batchOpen_ ? "reading" : "over");
@@ -335,12 +412,15 @@ struct Soak {
             }
             // A given-up write falls back, and the runtime hears of each bit
             // and each watched unit it covered.
-            if (ex.result == 2 && (unitKindOf(u.first) == UnitKind::Bit || watched(u)) &&
+            const bool watched = std::any_of(watching_.begin(), watching_.end(), [&](const KEY_ADDRESS &k) {
+                return k.regName == u.first && u.second >= k.address && u.second < k.address + keyUnits(k);
+            });
+            if (ex.result == 2 && (unitKindOf(u.first) == UnitKind::Bit || watched) &&
                 std::none_of(reports.begin(), reports.end(),
                              [&](const ChangeReport &r) { return r.regName == u.first && r.address == u.second; }))
                 fail("given-up write to %1 was not reported to the callback", unitName(u.first, u.second));
         }
-        ++(ex.result == 1 ? writeAcked_ : writeFailed_);
+        writesFailed_ += ex.result == 2;
     }
 
     // With the faults and new work stopped, the cache must come back to the
@@ -357,8 +437,8 @@ struct Soak {
         // The PLC moves once more, so that a unit the plan misses cannot match by chance.
         for (const Area &a : AREAS)
             for (int i = 0; i < a.units && a.role == Role::Plc; ++i) {
-                const quint32 v = simValue(sim_, a.reg, a.first + i);
-                setSimValue(sim_, a.reg, a.first + i, unitKindOf(a.reg) == UnitKind::Bit ? !v : v + 1 + rng_() % 1000);
+                const quint32 v = plc(sim_, a.reg, a.first + i);
+                plc(sim_, a.reg, a.first + i, unitKindOf(a.reg) == UnitKind::Bit ? !v : v + 1 + rng_() % 1000);
             }
         // A frame being sent again when the plan changed may be of an old block.
         const quint64 refreshed = cyclicEnded_ + 2 * quint64(watch(all)) + (prevResult_ == 8 ? 1 : 0);
@@ -371,7 +451,7 @@ struct Soak {
                 quint32 cached = 0;
                 for (int j = b.size() - 1; j >= 0; --j)
                     cached = cached << 8 | uchar(b[j]);
-                const quint32 held = simValue(sim_, k.regName, k.address + i);
+                const quint32 held = plc(sim_, k.regName, k.address + i);
                 if (cached != held && ++mismatches_ <= 8)
                     fail("%1 shows %2, the PLC holds %3", unitName(k.regName, k.address + i), cached, held);
             }
@@ -379,14 +459,15 @@ struct Soak {
         // What is still queued goes out. Then a unit whose last write had no
         // outcome has lost it unless the PLC holds its value; an outcome is
         // due all the same, as a bit holds a lost write's value half the time.
-        runUntil([&] { return allAnswered() && !batchOpen_ && !recipeOn_; }, 20000);
+        const auto open = [](const Ledger &l) { return l.answered < l.issued; };
+        runUntil([&] { return std::none_of(ledger_.begin(), ledger_.end(), open) && !batchOpen_ && !recipeOn_; }, 20000);
         for (auto it = ledger_.cbegin(); it != ledger_.cend(); ++it) {
-            if (it->answered >= it->issued)
+            if (!open(*it))
                 continue;
-            const bool held = simValue(sim_, it.key().first, it.key().second) == it->value;
+            const bool held = plc(sim_, it.key().first, it.key().second) == it->value;
             ++(held ? unanswered_ : lost_);
             fail(held ? "the last write to %1 had no outcome" : "the last write to %1 is lost: not in the PLC, no outcome",
-                 unitName(it.key().first, it.key().second));
+                     unitName(it.key().first, it.key().second));
         }
         if (batchOpen_)
             fail("batch %1 still open at the end", batchId_);
@@ -397,15 +478,14 @@ struct Soak {
     void recipeRoundTrip()
     {
         unsigned char *buf = rt_.recipeBuffer();
-        QByteArray written(RECIPE_BYTES, 0);
-        for (char &b : written)
-            b = char(rng_());
-        std::copy(written.begin(), written.end(), buf);
         const quint64 gaveUpBefore = rt_.stats().givenUp;
+        QByteArray written;
         for (RecipeDirection dir : {RecipeDirection::Write, RecipeDirection::Read}) {
-            if (dir == RecipeDirection::Read)
-                std::fill(buf, buf + RECIPE_BYTES, 0);
             startRecipe(dir);
+            if (dir == RecipeDirection::Write)
+                written = QByteArray(reinterpret_cast<const char *>(buf), RECIPE_BYTES);
+            else
+                std::fill(buf, buf + RECIPE_BYTES, 0);
             runUntil([&] { return !recipeOn_; }, 1000);
             if (recipeOn_ || rt_.recipeRunning(dir))
                 return fail("the final recipe transfer did not end");
@@ -413,11 +493,11 @@ struct Soak {
         for (const _RCP_VAR_PRO &r : RECIPE) {
             const bool dword = unitKindOf(r.regName) == UnitKind::DoubleWord;
             for (int i = 0; i < (dword ? r.length / 2 : r.length); ++i) {
-                const uchar *at = reinterpret_cast<const uchar *>(written.constData()) + 2 * r.bufOffset + (dword ? 4 : 2) * i;
+                const auto *at = reinterpret_cast<const uchar *>(written.constData()) + 2 * r.bufOffset + (dword ? 4 : 2) * i;
                 const quint32 want = dword ? qFromLittleEndian<quint32>(at) : qFromLittleEndian<quint16>(at);
-                if (simValue(sim_, r.regName, r.address + i) != want)
-                    fail("recipe write left %1 at %2, the buffer held %3", unitName(r.regName, r.address + i),
-                         simValue(sim_, r.regName, r.address + i), want);
+                const quint32 held = plc(sim_, r.regName, r.address + i);
+                if (held != want)
+                    fail("recipe write left %1 at %2, the buffer held %3", unitName(r.regName, r.address + i), held, want);
             }
         }
         if (QByteArray(reinterpret_cast<const char *>(buf), RECIPE_BYTES) != written)
@@ -426,103 +506,19 @@ struct Soak {
             fail("a job was given up on the clean line");
     }
 
-    bool run()
-    {
-        QElapsedTimer timer;
-        timer.start();
-        QString unused;
-        link_.open(&unused);
-        rt_.start();
-        if (rt_.setRecipe(RECIPE) != RECIPE.size())
-            fail("the driver did not take the recipe items");
-
-        // A bit write to a word the driver has never read waits for a read of
-        // it, and falls back without a job outcome if that read is given up.
-        // So the words under the bit areas are read once on a clean line, and
-        // every bit write becomes a read-modify-write job of its own.
-        QList<KEY_ADDRESS> bitWords;
-        std::vector<const Area *> plcAreas;
-        for (const Area &a : AREAS) {
-            for (int i = 0; i < a.units; ++i) {
-                setSimValue(sim_, a.reg, a.first + i, unitKindOf(a.reg) == UnitKind::Bit ? rng_() & 1 : rng_());
-                if (a.role == Role::Write)
-                    ledger_[Unit(a.reg, a.first + i)];
-            }
-            if (!wordRegisterOfBits(a.reg).isEmpty())
-                bitWords << key(a.reg, a.first, a.units);
-            if (a.role == Role::Plc)
-                plcAreas.push_back(&a);
-        }
-        sim_.setFaults(FaultRates());
-        const quint64 bitWordsRead = cyclicEnded_ + quint64(rt_.watch(bitWords));
-        runUntil([&] { return cyclicEnded_ >= bitWordsRead; }, 1000);
-        if (cyclicEnded_ < bitWordsRead)
-            fail("the words of the bit areas were not read on the clean line");
-        sim_.setFaults(c_.faults);
-
-        const quint64 tenth = std::max(c_.exchanges / 10, 1ull), switchEvery = quint64(c_.switchEvery);
-        quint64 nextSwitch = switchEvery;
-        long rssWarmKiB = -1;
-        watch(WATCH_LISTS[0]);
-        while (exchanges_ < c_.exchanges && failures_.size() < 40) {
-            if (exchanges_ >= nextSwitch) {
-                watch(WATCH_LISTS[nextSwitch / switchEvery % WATCH_LISTS.size()]);
-                nextSwitch += switchEvery;
-            }
-            if (random(10) == 0)
-                issueWrite();
-            if (!batchOpen_ && random(64) == 0)
-                startBatch();
-            if (!recipeOn_ && sent_ - recipeEndedAt_ > 2000 && random(256) == 0) {
-                const bool write = recipeDir_ == RecipeDirection::Read;
-                for (int i = 0; write && i < RECIPE_BYTES; ++i)
-                    rt_.recipeBuffer()[i] = uchar(rng_());
-                startRecipe(write ? RecipeDirection::Write : RecipeDirection::Read);
-            }
-            if (random(16) == 0) {  // the PLC changes a value of its own
-                const Area &a = *plcAreas[size_t(random(int(plcAreas.size())))];
-                setSimValue(sim_, a.reg, a.first + random(a.units), unitKindOf(a.reg) == UnitKind::Bit ? rng_() & 1 : rng_());
-            }
-            if (!step(true) || exchanges_ % tenth != 0)
-                continue;
-            if (rssWarmKiB < 0)
-                rssWarmKiB = residentKiB();
-            if (c_.progress)
-                fprintf(stderr, "soak: %llu of %llu exchanges, %.1f s\n", exchanges_, c_.exchanges, timer.elapsed() / 1e3);
-        }
-        const quint64 faults = sim_.stats().faults, settleFrom = sent_;
-        settle();
-        recipeRoundTrip();
-
-        const long rssEndKiB = residentKiB();
-        if (c_.checkMemory && (rssWarmKiB < 0 || rssEndKiB < 0 || rssEndKiB - rssWarmKiB >= 1024))
-            fail("resident memory went from %1 KiB after a tenth of the run to %2 KiB", rssWarmKiB, rssEndKiB);
-        for (const QString &f : failures_)
-            fprintf(stderr, "FAILED: %s\n", qPrintable(f));
-        const QString rss = c_.checkMemory ? QString("%1 KiB").arg(rssEndKiB - rssWarmKiB) : "not checked";
-        printf("soak %s: exchanges=%llu (+%llu settling) faults=%llu retries=%llu given-up=%llu writes=%llu (jobs "
-               "acked=%llu failed=%llu) lost=%llu unanswered=%llu condition-batches=%llu (read=%llu failed=%llu "
-               "dropped=%llu) recipe-transfers=%llu (given-up=%llu) mismatches=%llu rss-growth=%s time=%.1f s\n",
-               failures_.isEmpty() ? "PASSED" : "FAILED", exchanges_, sent_ - settleFrom, (unsigned long long)faults,
-               (unsigned long long)rt_.stats().retries, (unsigned long long)rt_.stats().givenUp, writes_, writeAcked_,
-               writeFailed_, lost_, unanswered_, batches_, batchesRead_, batchesFailed_, batchesDropped_, recipes_,
-               recipesGivenUp_, mismatches_, qPrintable(rss), timer.elapsed() / 1e3);
-        return failures_.isEmpty();
-    }
-
-    const Config c_;
-    kq71sim::PlcSimulator sim_;
-    SimLink link_;
+    QCommandLineParser &args_;
+    const bool quick_ = args_.isSet("quick");
+    const unsigned long long total_ = (unsigned long long)number("exchanges", quick_ ? 100000 : 1000000);
+    const quint64 switchEvery_ = std::max(quint64(number("switch-every", quick_ ? 2000 : 5000)), quint64(1));
+    const quint32 seed_ = quint32(number("seed", 1));
+    kq71sim::PlcSimulator sim_{kq71sim::SimOptions{STATION, false, seed_, faults()}};
+    SimLink link_{sim_};
     Runtime rt_;
-    std::mt19937 rng_;
+    std::mt19937 rng_{seed_ ^ 0x5EEDu};
     QStringList failures_;
-    struct Chunk {
-        const Area *area;
-        int address, units;
-    };
-    std::vector<Chunk> chunks_;
+    std::vector<KEY_ADDRESS> chunks_;  // the ranges writes go to
     QList<KEY_ADDRESS> watching_;
-    // Per written unit: its last write (number and value) and the highest
+    // Per written unit: its last write (number and value), and the highest
     // write number an outcome has answered.
     struct Ledger {
         quint64 issued = 0, answered = 0;
@@ -539,9 +535,8 @@ struct Soak {
     JobKind prevKind_ = JobKind::None;
     int prevResult_ = 0;
     quint64 sent_ = 0, cyclicEnded_ = 0, recipeEndedAt_ = 0;  // sent_ counts the settling too
-    unsigned long long exchanges_ = 0, writes_ = 0, writeAcked_ = 0, writeFailed_ = 0, lost_ = 0, unanswered_ = 0,
-                       batches_ = 0, batchesRead_ = 0, batchesFailed_ = 0, batchesDropped_ = 0, recipes_ = 0,
-                       recipesGivenUp_ = 0, mismatches_ = 0;
+    unsigned long long exchanges_ = 0, writes_ = 0, writesFailed_ = 0, lost_ = 0, unanswered_ = 0, batches_ = 0,
+                       batchesFailed_ = 0, batchesDropped_ = 0, recipes_ = 0, recipesGivenUp_ = 0, mismatches_ = 0;
 };
 
 } // namespace
@@ -565,34 +560,11 @@ int main(int argc, char **argv)
     for (int k = 1; k < kq71sim::FaultKinds; ++k)
         args.addOption({kq71sim::faultName(kq71sim::Fault(k)), "The rate of this kind of fault.", "R"});
     args.process(app);
-    const auto number = [&](const QString &option, double otherwise) {
-        bool ok = true;
-        const double v = args.isSet(option) ? args.value(option).toDouble(&ok) : otherwise;
-        if (!ok || v < 0)
-            args.showHelp(2);
-        return v;
-    };
-    const bool quick = args.isSet("quick");
-    Config c{(unsigned long long)number("exchanges", quick ? 100000 : 1000000), quint32(number("seed", 1)),
-             FaultRates(), int(number("retries", 3)), int(number("switch-every", quick ? 2000 : 5000)),
-             !args.isSet("no-memory-check"), args.isSet("progress")};
-    // In the order of kq71sim::Fault, whose names the options take.
-    double FaultRates::*const kinds[] = {&FaultRates::drop,         &FaultRates::cut,           &FaultRates::badCrc,
-                                         &FaultRates::wrongStation, &FaultRates::wrongFunction, &FaultRates::exception,
-                                         &FaultRates::noise,        &FaultRates::echo,          &FaultRates::delay};
-    for (int k = 1; k < kq71sim::FaultKinds; ++k)
-        c.faults.*kinds[k - 1] = number(kq71sim::faultName(kq71sim::Fault(k)), number("fault-rate", 0.18) / 9);
-    c.faults.delayMs = 3 * TIMEOUT_MS;
-#if defined(__SANITIZE_ADDRESS__)
-    c.checkMemory = false;  // the allocator holds freed memory in quarantine
-#endif
-
     DriverLibrary driver;
     QString error;
     if (!driver.load(args.value("driver"), &error)) {
         fprintf(stderr, "kq71_soak: %s\n", qPrintable(error));
         return 2;
     }
-    fprintf(stderr, "kq71_soak: %s, %llu exchanges, seed %u\n", qPrintable(driver.path()), c.exchanges, c.seed);
-    return Soak(driver, c).run() ? 0 : 1;
+    return Soak(driver, args).run() ? 0 : 1;
 }
