@@ -95,9 +95,8 @@ const std::vector<QList<KEY_ADDRESS>> WATCH_LISTS = {
     {key("D", 100, 4), key("M", 0, 8)},
 };
 // Condition-read batches draw one to three of these.
-const QList<KEY_ADDRESS> CONDITION_KEYS = {key("D", 1000, 40), key("M", 0, 8),   key("D", 0, 10),
-                                           key("200CC", 200, 4), key("X", 0, 4), key("D", 1200, 20),
-                                           key("M", 1000, 6),    key("256CC", 300, 2)};
+const QList<KEY_ADDRESS> CONDITION_KEYS = {key("D", 1000, 40), key("M", 0, 8), key("D", 0, 10), key("200CC", 200, 4),
+                                           key("X", 0, 4), key("D", 1200, 20), key("M", 1000, 6), key("256CC", 300, 2)};
 
 _RCP_VAR_PRO recipeItem(const char *reg, int address, int words, int bufOffset)
 {
@@ -124,20 +123,30 @@ long residentKiB()
     return pages < 0 ? -1 : pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
+// The rate of each kind of fault, in the order of kq71sim::Fault, whose names
+// the options take.
+double FaultRates::*const KINDS[] = {&FaultRates::drop,      &FaultRates::cut,           &FaultRates::badCrc,
+                                     &FaultRates::wrongStation, &FaultRates::wrongFunction, &FaultRates::exception,
+                                     &FaultRates::noise,     &FaultRates::echo,          &FaultRates::delay};
+
 enum class JobKind { None, Cyclic, Write, Condition, Recipe, Unknown };
 using Unit = QPair<QString, int>;
 
-class Soak {
-public:
+struct Soak {
     Soak(DriverLibrary &driver, QCommandLineParser &args)
-        : args_(args), rt_(driver, link_, RuntimeOptions{1, false, int(number("retries", 3)), GAP, TIMEOUT_MS, RECIPE_BYTES})
+        : args_(args), rt_(driver, link_, {1, false, int(number("retries", 3)), GAP, TIMEOUT_MS, RECIPE_BYTES})
     {
         // A unit is always written in the same range, as a screen object
         // writes its own address; some ranges are longer than a piece.
         static const int SIZES[] = {1, 2, 1, 4, 3, 1, 8, 2, 20, 1, 16, 5};
         for (const Area &a : AREAS)
-            for (int at = a.first, s = 0; a.role == Role::Write && at < a.first + a.units; at += keyUnits(chunks_.back()))
-                chunks_.push_back(key(a.reg, at, std::min(SIZES[s++ % 12], a.first + a.units - at)));
+            for (int at = a.first, s = 0, n; a.role == Role::Write && at < a.first + a.units; at += n, ++s)
+                chunks_.push_back(key(a.reg, at, n = std::min(SIZES[s % 12], a.first + a.units - at)));
+        // Every written unit has an entry, which tells a word job of bits from
+        // one of written words.
+        for (const KEY_ADDRESS &c : chunks_)
+            for (int i = 0; i < keyUnits(c); ++i)
+                ledger_[Unit(c.regName, c.address + i)];
     }
 
     bool run()
@@ -145,38 +154,27 @@ public:
         QElapsedTimer timer;
         timer.start();
         rt_.start();
-        if (rt_.setRecipe(RECIPE) != RECIPE.size())
-            fail("the driver did not take the recipe items");
+        rt_.setRecipe(RECIPE);
 
-        // A bit write to a word the driver has never read waits for a read of
-        // it, and falls back without a job outcome if that read is given up.
-        // So the words under the bit areas are read once on a clean line, and
-        // every bit write becomes a read-modify-write job of its own.
-        QList<KEY_ADDRESS> bitWords;
         std::vector<const Area *> plcAreas;
         for (const Area &a : AREAS) {
-            for (int i = 0; i < a.units; ++i) {
+            for (int i = 0; i < a.units; ++i)
                 plc(sim_, a.reg, a.first + i, unitKindOf(a.reg) == UnitKind::Bit ? rng_() & 1 : rng_());
-                if (a.role == Role::Write)
-                    ledger_[Unit(a.reg, a.first + i)];
-            }
-            if (!wordRegisterOfBits(a.reg).isEmpty())
-                bitWords << key(a.reg, a.first, a.units);
             if (a.role == Role::Plc)
                 plcAreas.push_back(&a);
         }
-        const FaultRates faults = sim_.options().faults;
-        sim_.setFaults(FaultRates());
-        const quint64 bitWordsRead = cyclicEnded_ + quint64(rt_.watch(bitWords));
-        runUntil([&] { return cyclicEnded_ >= bitWordsRead; }, 1000);
-        if (cyclicEnded_ < bitWordsRead)
-            fail("the words of the bit areas were not read on the clean line");
-        sim_.setFaults(faults);
+        // A bit write to a word the driver has never read waits for a read of
+        // it, and falls back without a job outcome if that read is given up.
+        // So the first watch list, which holds the bit areas, is read once on a
+        // clean line, and every bit write becomes a read-modify-write job.
+        const quint64 firstRead = cyclicEnded_ + quint64(watch(WATCH_LISTS[0]));
+        if (!runUntil([&] { return cyclicEnded_ >= firstRead; }, 1000))
+            fail("the first watch list was not read on the clean line");
+        sim_.setFaults(faults());
 
         const quint64 tenth = std::max(total_ / 10, 1ull);
         quint64 nextSwitch = switchEvery_;
         long rssWarmKiB = -1;
-        watch(WATCH_LISTS[0]);
         while (exchanges_ < total_ && failures_.size() < 40) {
             if (exchanges_ >= nextSwitch) {
                 watch(WATCH_LISTS[nextSwitch / switchEvery_ % WATCH_LISTS.size()]);
@@ -199,7 +197,6 @@ public:
             if (args_.isSet("progress"))
                 fprintf(stderr, "soak: %llu of %llu exchanges, %.1f s\n", exchanges_, total_, timer.elapsed() / 1e3);
         }
-        const quint64 faultCount = sim_.stats().faults, settleFrom = sent_;
         settle();
         recipeRoundTrip();
 
@@ -213,17 +210,15 @@ public:
         for (const QString &f : failures_)
             fprintf(stderr, "FAILED: %s\n", qPrintable(f));
         const QString rss = checkMemory ? QString("%1 KiB").arg(rssEndKiB - rssWarmKiB) : "not checked";
-        printf("soak %s: exchanges=%llu (+%llu settling) faults=%llu retries=%llu given-up=%llu writes=%llu (jobs "
-               "failed=%llu) lost=%llu unanswered=%llu condition-batches=%llu (failed=%llu dropped=%llu) "
-               "recipe-transfers=%llu (given-up=%llu) mismatches=%llu rss-growth=%s time=%.1f s\n",
-               failures_.isEmpty() ? "PASSED" : "FAILED", exchanges_, sent_ - settleFrom, faultCount,
-               (unsigned long long)rt_.stats().retries, (unsigned long long)rt_.stats().givenUp, writes_, writesFailed_,
-               lost_, unanswered_, batches_, batchesFailed_, batchesDropped_, recipes_, recipesGivenUp_, mismatches_,
-               qPrintable(rss), timer.elapsed() / 1e3);
+        printf("soak %s: exchanges=%llu faults=%llu given-up=%llu writes=%llu (failed=%llu) lost=%llu unanswered=%llu "
+               "condition-batches=%llu (failed=%llu dropped=%llu) recipes=%llu (blocks given up=%llu) mismatches=%llu "
+               "rss-growth=%s time=%.1f s\n", failures_.isEmpty() ? "PASSED" : "FAILED", exchanges_,
+               (unsigned long long)sim_.stats().faults, (unsigned long long)rt_.stats().givenUp, writes_, writesFailed_,
+               lost_, unanswered_, batches_, batchesFailed_, batchesDropped_, recipes_, recipeBlocksGivenUp_,
+               mismatches_, qPrintable(rss), timer.elapsed() / 1e3);
         return failures_.isEmpty();
     }
 
-private:
     // An option's number, or `otherwise` when it is not given.
     double number(const QString &option, double otherwise)
     {
@@ -235,14 +230,9 @@ private:
     }
     FaultRates faults()
     {
-        // In the order of kq71sim::Fault, whose names the options take.
-        double FaultRates::*const kinds[] = {&FaultRates::drop,      &FaultRates::cut,          &FaultRates::badCrc,
-                                             &FaultRates::wrongStation, &FaultRates::wrongFunction,
-                                             &FaultRates::exception, &FaultRates::noise,        &FaultRates::echo,
-                                             &FaultRates::delay};
         FaultRates f;
         for (int k = 1; k < kq71sim::FaultKinds; ++k)
-            f.*kinds[k - 1] = number(kq71sim::faultName(kq71sim::Fault(k)), number("fault-rate", 0.18) / 9);
+            f.*KINDS[k - 1] = number(kq71sim::faultName(kq71sim::Fault(k)), number("fault-rate", 0.18) / 9);
         f.delayMs = 3 * TIMEOUT_MS;
         return f;
     }
@@ -255,10 +245,11 @@ private:
             failures_ << s;
     }
     int random(int n) { return int(rng_() % std::uint32_t(n)); }
-    void runUntil(const std::function<bool()> &done, int maxSteps)
+    bool runUntil(const std::function<bool()> &done, int maxSteps)
     {
         for (int i = 0; i < maxSteps && !done(); ++i)
             step(false);
+        return done();
     }
     int watch(const QList<KEY_ADDRESS> &keys)
     {
@@ -269,16 +260,12 @@ private:
     void issueWrite()
     {
         const KEY_ADDRESS &c = chunks_[size_t(random(int(chunks_.size())))];
-        const UnitKind kind = unitKindOf(c.regName);
+        const int size = c.dataType == -1 ? 1 : c.dataType == 0 ? 2 : 4;  // bytes of a unit
         const quint64 seq = ++writes_;
         QByteArray bytes;
         for (int i = 0; i < keyUnits(c); ++i) {
-            // Tagged with the write's number, so that a stale value is told apart.
-            const quint32 v = kind == UnitKind::Bit ? rng_() & 1
-                              : kind == UnitKind::Word ? quint32(seq << 4 | i) & 0xFFFF
-                                                       : (quint32(seq) << 8 | quint32(i)) ^ 0xA5000000u;
-            const quint32 le = qToLittleEndian(v);
-            bytes.append(reinterpret_cast<const char *>(&le), kind == UnitKind::Bit ? 1 : kind == UnitKind::Word ? 2 : 4);
+            const quint32 v = quint32(rng_()) & (size == 1 ? 1 : size == 2 ? 0xFFFF : ~0u), le = qToLittleEndian(v);
+            bytes.append(reinterpret_cast<const char *>(&le), size);
             Ledger &l = ledger_[Unit(c.regName, c.address + i)];
             l.issued = seq;
             l.value = v;
@@ -288,21 +275,15 @@ private:
 
     void startBatch()
     {
-        QList<int> chosen;
-        for (const int n = 1 + random(3); chosen.size() < n;) {
-            const int i = random(CONDITION_KEYS.size());
-            if (!chosen.contains(i))
-                chosen << i;
-        }
+        QList<KEY_ADDRESS> keys = CONDITION_KEYS;
+        std::shuffle(keys.begin(), keys.end(), rng_);
         batchOpen_ = true;
         batchId_ = CONDITION_ID_BASE + int(batches_++ % 1000000);
         pieces_ = piecesRead_ = 0;
         endDue_ = 1;
-        for (int i : chosen) {
-            const KEY_ADDRESS &k = CONDITION_KEYS[i];
+        for (const KEY_ADDRESS &k : keys.mid(0, 1 + random(3))) {
             rt_.conditionRead(k, batchId_);
-            const int limit = k.dataType == -1 ? 8 * GAP : GAP;
-            pieces_ += (k.length + limit - 1) / limit;
+            pieces_ += (k.length - 1) / (k.dataType == -1 ? 8 * GAP : GAP) + 1;
         }
     }
 
@@ -313,7 +294,6 @@ private:
             rt_.recipeBuffer()[i] = uchar(rng_());
         recipeDir_ = dir;
         recipeOn_ = true;
-        recipeGaveUp_ = false;
         rt_.startRecipe(dir);
     }
 
@@ -353,8 +333,6 @@ private:
             cyclicEnded_ += ended;
         else if (kind == JobKind::Write && ended)
             onWrite(ex, reports);
-        else if (kind == JobKind::Recipe)
-            recipeGaveUp_ = recipeGaveUp_ || ex.result == 2;
         else if (kind == JobKind::Condition && ex.result == 1 && ++piecesRead_ == pieces_)
             endDue_ = 0;
         else if (kind == JobKind::Condition && ex.result == 2)
@@ -364,7 +342,7 @@ private:
         // or when any piece was given up.
         if (batchOpen_ && endDue_ != 1) {
             if (ends != QVector<int>{std::max(endDue_, -1)})
-                fail("batch %1 ended (%2) with %3 end reports, the first %4", batchId_, endDue_, ends.size(), ends.value(0));
+                fail("batch %1 (%2) had %3 end reports, the first %4", batchId_, endDue_, ends.size(), ends.value(0));
             batchesFailed_ += endDue_ == -1;
             batchesDropped_ += endDue_ == -2;
             batchOpen_ = false;
@@ -372,16 +350,15 @@ private:
             fail("end-of-batch report %1 while batch %2 is %3", ends[0], batchId_, batchOpen_ ? "reading" : "over");
         }
 
-        if (recipeOn_) {
-            const bool running = rt_.recipeRunning(recipeDir_);
-            if (recipeBefore && kind == JobKind::Recipe && ex.result == 2 && running)
-                fail("a given-up recipe block left its flag raised");
-            if (!running) {
-                recipeOn_ = false;
-                recipeEndedAt_ = sent_;
-                ++recipes_;
-                recipesGivenUp_ += recipeGaveUp_;
-            }
+        // A given-up recipe block ends its transfer at once.
+        const bool recipeGaveUp = recipeBefore && kind == JobKind::Recipe && ex.result == 2;
+        recipeBlocksGivenUp_ += recipeGaveUp;
+        if (recipeGaveUp && rt_.recipeRunning(recipeDir_))
+            fail("a given-up recipe block left its flag raised");
+        if (recipeOn_ && !rt_.recipeRunning(recipeDir_)) {
+            recipeOn_ = false;
+            recipeEndedAt_ = sent_;
+            ++recipes_;
         }
         return ex.sent;
     }
@@ -397,7 +374,7 @@ private:
             const Unit u(ex.regName, ex.address + i), firstBit(bitInWordRegister(u.first), u.second * BITS_IN_WORD);
             if (ledger_.contains(u)) {
                 if (seq <= ledger_[u].answered)
-                    fail("write job %1 ended for %2, whose writes up to it had ended", ex.jobId, unitName(u.first, u.second));
+                    fail("write job %1 ended again for %2", ex.jobId, unitName(u.first, u.second));
                 ledger_[u].answered = seq;
             } else if (ledger_.contains(firstBit)) {
                 // A word job of bits carries every bit still pending in its
@@ -430,27 +407,24 @@ private:
         sim_.setFaults(FaultRates());
         // One key per area: a key starting inside the first 128 units of a
         // longer one would pull that block's start back and leave units unread
-        // (merging widens a block by moving its start, not its length).
+        // (merging widens a block by moving its start, not its length). The
+        // PLC moves once more, so that a unit the plan misses cannot match by
+        // chance.
         QList<KEY_ADDRESS> all;
-        for (const Area &a : AREAS)
+        for (const Area &a : AREAS) {
             all << key(a.reg, a.first, a.units);
-        // The PLC moves once more, so that a unit the plan misses cannot match by chance.
-        for (const Area &a : AREAS)
-            for (int i = 0; i < a.units && a.role == Role::Plc; ++i) {
-                const quint32 v = plc(sim_, a.reg, a.first + i);
-                plc(sim_, a.reg, a.first + i, unitKindOf(a.reg) == UnitKind::Bit ? !v : v + 1 + rng_() % 1000);
-            }
+            for (int i = 0; i < a.units && a.role == Role::Plc; ++i)
+                plc(sim_, a.reg, a.first + i,
+                    plc(sim_, a.reg, a.first + i) + (unitKindOf(a.reg) == UnitKind::Bit ? 1 : 1 + rng_() % 1000));
+        }
         // A frame being sent again when the plan changed may be of an old block.
         const quint64 refreshed = cyclicEnded_ + 2 * quint64(watch(all)) + (prevResult_ == 8 ? 1 : 0);
-        runUntil([&] { return cyclicEnded_ >= refreshed; }, 200000);
-        if (cyclicEnded_ < refreshed)
+        if (!runUntil([&] { return cyclicEnded_ >= refreshed; }, 200000))
             fail("the plan was not read twice after the faults stopped");
         for (const KEY_ADDRESS &k : all)
             for (int i = 0; i < keyUnits(k); ++i) {
                 const QByteArray b = rt_.read(STATION, k.regName, k.address + i, k.dataType == 1 ? 2 : 1);
-                quint32 cached = 0;
-                for (int j = b.size() - 1; j >= 0; --j)
-                    cached = cached << 8 | uchar(b[j]);
+                const quint32 cached = qFromLittleEndian<quint32>(b.leftJustified(4, '\0').constData());
                 const quint32 held = plc(sim_, k.regName, k.address + i);
                 if (cached != held && ++mismatches_ <= 8)
                     fail("%1 shows %2, the PLC holds %3", unitName(k.regName, k.address + i), cached, held);
@@ -459,15 +433,15 @@ private:
         // What is still queued goes out. Then a unit whose last write had no
         // outcome has lost it unless the PLC holds its value; an outcome is
         // due all the same, as a bit holds a lost write's value half the time.
-        const auto open = [](const Ledger &l) { return l.answered < l.issued; };
-        runUntil([&] { return std::none_of(ledger_.begin(), ledger_.end(), open) && !batchOpen_ && !recipeOn_; }, 20000);
+        const auto due = [](const Ledger &l) { return l.answered < l.issued; };
+        runUntil([&] { return std::none_of(ledger_.begin(), ledger_.end(), due) && !batchOpen_ && !recipeOn_; }, 20000);
         for (auto it = ledger_.cbegin(); it != ledger_.cend(); ++it) {
-            if (!open(*it))
+            const Unit &u = it.key();
+            if (!due(*it))
                 continue;
-            const bool held = plc(sim_, it.key().first, it.key().second) == it->value;
+            const bool held = plc(sim_, u.first, u.second) == it->value;
             ++(held ? unanswered_ : lost_);
-            fail(held ? "the last write to %1 had no outcome" : "the last write to %1 is lost: not in the PLC, no outcome",
-                     unitName(it.key().first, it.key().second));
+            fail("the last write to %1 %2", unitName(u.first, u.second), held ? "had no outcome" : "is lost");
         }
         if (batchOpen_)
             fail("batch %1 still open at the end", batchId_);
@@ -479,28 +453,27 @@ private:
     {
         unsigned char *buf = rt_.recipeBuffer();
         const quint64 gaveUpBefore = rt_.stats().givenUp;
-        QByteArray written;
+        std::vector<uchar> written;
         for (RecipeDirection dir : {RecipeDirection::Write, RecipeDirection::Read}) {
             startRecipe(dir);
             if (dir == RecipeDirection::Write)
-                written = QByteArray(reinterpret_cast<const char *>(buf), RECIPE_BYTES);
+                written.assign(buf, buf + RECIPE_BYTES);
             else
                 std::fill(buf, buf + RECIPE_BYTES, 0);
-            runUntil([&] { return !recipeOn_; }, 1000);
-            if (recipeOn_ || rt_.recipeRunning(dir))
+            if (!runUntil([&] { return !recipeOn_; }, 1000) || rt_.recipeRunning(dir))
                 return fail("the final recipe transfer did not end");
         }
         for (const _RCP_VAR_PRO &r : RECIPE) {
             const bool dword = unitKindOf(r.regName) == UnitKind::DoubleWord;
             for (int i = 0; i < (dword ? r.length / 2 : r.length); ++i) {
-                const auto *at = reinterpret_cast<const uchar *>(written.constData()) + 2 * r.bufOffset + (dword ? 4 : 2) * i;
+                const uchar *at = written.data() + 2 * r.bufOffset + (dword ? 4 : 2) * i;
                 const quint32 want = dword ? qFromLittleEndian<quint32>(at) : qFromLittleEndian<quint16>(at);
                 const quint32 held = plc(sim_, r.regName, r.address + i);
                 if (held != want)
-                    fail("recipe write left %1 at %2, the buffer held %3", unitName(r.regName, r.address + i), held, want);
+                    fail("recipe write left %1 at %2, not %3", unitName(r.regName, r.address + i), held, want);
             }
         }
-        if (QByteArray(reinterpret_cast<const char *>(buf), RECIPE_BYTES) != written)
+        if (!std::equal(written.begin(), written.end(), buf))
             fail("the recipe read back is not what was written");
         if (rt_.stats().givenUp != gaveUpBefore)
             fail("a job was given up on the clean line");
@@ -511,7 +484,7 @@ private:
     const unsigned long long total_ = (unsigned long long)number("exchanges", quick_ ? 100000 : 1000000);
     const quint64 switchEvery_ = std::max(quint64(number("switch-every", quick_ ? 2000 : 5000)), quint64(1));
     const quint32 seed_ = quint32(number("seed", 1));
-    kq71sim::PlcSimulator sim_{kq71sim::SimOptions{STATION, false, seed_, faults()}};
+    kq71sim::PlcSimulator sim_{kq71sim::SimOptions{STATION, false, seed_, FaultRates()}};
     SimLink link_{sim_};
     Runtime rt_;
     std::mt19937 rng_{seed_ ^ 0x5EEDu};
@@ -530,13 +503,13 @@ private:
     // yet (1).
     bool batchOpen_ = false;
     int batchId_ = 0, pieces_ = 0, piecesRead_ = 0, endDue_ = 1;
-    bool recipeOn_ = false, recipeGaveUp_ = false;
+    bool recipeOn_ = false;
     RecipeDirection recipeDir_ = RecipeDirection::Write;
     JobKind prevKind_ = JobKind::None;
     int prevResult_ = 0;
     quint64 sent_ = 0, cyclicEnded_ = 0, recipeEndedAt_ = 0;  // sent_ counts the settling too
     unsigned long long exchanges_ = 0, writes_ = 0, writesFailed_ = 0, lost_ = 0, unanswered_ = 0, batches_ = 0,
-                       batchesFailed_ = 0, batchesDropped_ = 0, recipes_ = 0, recipesGivenUp_ = 0, mismatches_ = 0;
+                       batchesFailed_ = 0, batchesDropped_ = 0, recipes_ = 0, recipeBlocksGivenUp_ = 0, mismatches_ = 0;
 };
 
 } // namespace
