@@ -527,7 +527,7 @@ int main(int argc, char **argv)
                      {"fault-rate", "Share of replies spoiled, spread evenly over the kinds (default 0.18).", "R"},
                      {"retries", "The driver's retry limit (default 3).", "N"},
                      {"switch-every", "Exchanges between watch-list changes (default 5000).", "N"},
-                     {"driver", "The driver library.", "PATH", KQ71_DRIVER_FILE},
+                     {"driver", "The driver library (default: the one this build made).", "PATH", KQ71_DRIVER_FILE},
                      {"no-memory-check", "Leave resident memory unchecked (as under Valgrind)."},
                      {"progress", "A line on stderr every tenth of the run."}});
     for (int k = 1; k < kq71sim::FaultKinds; ++k)
