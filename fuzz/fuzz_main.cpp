@@ -1,5 +1,8 @@
 // libFuzzer's entry into one target; KQ71_FUZZ_BODY names its body.
-#include "fuzz_targets.h"
+#include <cstddef>
+#include <cstdint>
+
+int KQ71_FUZZ_BODY(const uint8_t *data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
