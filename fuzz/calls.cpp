@@ -26,10 +26,6 @@
 // takes the item layout from the runtime as given.
 #include "fuzz_support.h"
 
-#include "driver_internals.h"
-
-#include <cstring>
-
 using namespace kq71fuzz;
 
 namespace {
@@ -127,12 +123,12 @@ struct Program {
     void send()
     {
         haveFrame = nextFrame(frame);
-        frameGeneration = initGeneration();
+        frameGeneration = generation;
     }
 
     void reply()
     {
-        const FRAME_PRO *out = haveFrame && frameGeneration == initGeneration() ? &frame : 0;
+        const FRAME_PRO *out = haveFrame && frameGeneration == generation ? &frame : 0;
         bool wellFormed = false;
         const QByteArray bytes = makeReply(in, out, wellFormed);
         // A frame that is answered is done unless it is to be sent again.
@@ -180,7 +176,7 @@ struct Program {
         case 1: {
             const int station = in.number(), address = in.number(), length = qMin(in.number(), 64);
             const QString name = in.regName();
-            const QByteArray values = in.bytes(setDataBytes(name, length));
+            const QByteArray values = in.bytes(valueBytes(name, length, false));
             call = [=] { setData(station, name, address, length, values, true, 9); };
             break;
         }
@@ -205,7 +201,7 @@ struct Program {
             call = [=] { getData(station, name, address, length, true); };
         }
         }
-        setNestedCall(call);
+        nested = call;
     }
 
     void step()
@@ -241,7 +237,7 @@ struct Program {
                 getData(station, name, address, length, withBuffer);
                 break;
             }
-            const QByteArray values = in.bytes(setDataBytes(name, length));
+            const QByteArray values = in.bytes(valueBytes(name, length, false));
             setData(station, name, address, length, values, withBuffer, in.number());
             break;
         }

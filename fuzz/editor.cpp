@@ -14,8 +14,6 @@
 // cache and jobs alone. At most 64 calls and 70000 series entries per input.
 #include "fuzz_support.h"
 
-#include "driver_internals.h"
-
 #include <QtCore/QStringList>
 
 using namespace kq71fuzz;
@@ -136,14 +134,16 @@ int runEditorInput(const uint8_t *data, size_t size)
     Input in(data, size);
     qint64 entries = 0;
     for (int calls = 0; calls < 64 && !in.atEnd(); ++calls) {
-        CallCheck check("editor call", 0);
         const int op = in.byte() % 4;
-        if (op < 2)
-            checkAddress(in, op == 1);
-        else if (op == 2)
-            multiCopy(in, entries);
-        else
-            description(in);
+        checked("editor call", 0, [&] {
+            if (op < 2)
+                checkAddress(in, op == 1);
+            else if (op == 2)
+                multiCopy(in, entries);
+            else
+                description(in);
+            return 0;
+        });
     }
     if (!driver.dataAreas.isEmpty() || !driver.writeJobs.isEmpty())
         fail("an editor call changed the cache or the write queue");

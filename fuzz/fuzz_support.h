@@ -1,36 +1,71 @@
 // What the fuzz targets share: a reader that turns input bytes into call
 // arguments, the runtime's buffers in exactly the sizes the runtime contract
-// promises, and the checked calls into the driver.
+// promises, and the entry points called with their invariants checked.
 //
 // An invariant that does not hold ends the process through fail(), so that
 // libFuzzer keeps the input as a crash and a replay stops at the first fault.
 #ifndef KQ71_FUZZ_SUPPORT_H
 #define KQ71_FUZZ_SUPPORT_H
 
+#include "driver_internals.h"
 #include "vorn_kq71_ap.h"
+#include "../tests/qt_compat.h"
 
-#include <QtCore/QByteArray>
-#include <QtCore/QList>
-#include <QtCore/QMutex>
-#include <QtCore/QString>
+#include <QtCore/QMutexLocker>
 #include <QtCore/QVector>
 
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 
 // The targets' bodies, each described at the top of its file. libFuzzer calls
-// them through fuzz_main.cpp; the unit tests replay the kept inputs. Each
-// returns 0.
+// them through fuzz_main.cpp; the unit tests replay the kept inputs.
 int runRepliesInput(const uint8_t *data, size_t size);
 int runCallsInput(const uint8_t *data, size_t size);
 int runEditorInput(const uint8_t *data, size_t size);
 
 namespace kq71fuzz {
 
-[[noreturn]] void fail(const char *format, ...) __attribute__((format(printf, 1, 2)));
-void setInputName(const char *name); // named in every failure message
+inline const char *inputName = nullptr; // named in every failure message
+
+[[noreturn, gnu::format(printf, 1, 2)]] inline void fail(const char *format, ...)
+{
+    fprintf(stderr, "kq71 fuzz: invariant broken: ");
+    va_list args;
+    va_start(args, format);
+    vfprintf(stderr, format, args);
+    va_end(args);
+    fprintf(stderr, "\n");
+    if (inputName)
+        fprintf(stderr, "kq71 fuzz: input %s\n", inputName);
+    fflush(stderr);
+    abort();
+}
+
+// --- input ---------------------------------------------------------------
+
+// Values at which lengths, counts and addresses change meaning somewhere.
+inline const int BOUNDARY_VALUES[] = {
+    0, 1, -1, 2, -2, 7, 8, 9, 15, 16, 17, 31, 32, 127, 128, 129, 199, 200, 255, 256, 257, 377, 506, 507, 508, 511,
+    512, 513, 1023, 1024, 1025, 4095, 4096, 7999, 8000, 8001, 8191, 8192, 9999, 10000, 32767, 32768, 65535, 65536,
+    65537, 70000, -65536, 1073741823, 1073741824, 2147483520, 2147483646, 2147483647, -2147483647 - 1, -2147483647};
+
+struct RegisterInfo {
+    const char *name;
+    int width; // bits of one unit: 1, 16 or 32
+    int lowest, highest, radix;
+};
+inline const RegisterInfo REGISTERS[19] = {
+    {"X", 1, 0, 0377, 8},        {"Y", 1, 0, 0377, 8},         {"S", 1, 0, 9999, 10},     {"M", 1, 0, 9999, 10},
+    {"T", 1, 0, 9999, 10},       {"C", 1, 0, 199, 10},         {"200C", 1, 200, 255, 10}, {"256C", 1, 256, 9999, 10},
+    {"D", 16, 0, 9999, 10},      {"V", 16, 0, 9999, 10},       {"Z", 16, 0, 9999, 10},    {"TC", 16, 0, 9999, 10},
+    {"TP", 16, 0, 9999, 10},     {"CC", 16, 0, 199, 10},       {"CP", 16, 0, 199, 10},    {"200CC", 32, 200, 255, 10},
+    {"200CP", 32, 200, 255, 10}, {"256CC", 32, 256, 9999, 10}, {"256CP", 32, 256, 9999, 10},
+};
 
 // Reads arguments from the input front to back; past its end every read
 // gives zeros, so any input is a complete program.
@@ -45,36 +80,233 @@ public:
         return uint16_t(low | byte() << 8);
     }
     int below(int n) { return n > 0 ? byte() % n : 0; }
-    int number();             // a small number, a boundary value or four raw bytes
-    QByteArray bytes(int n);  // zeros where the input has ended
-    QString text();           // Latin-1 or UTF-8, up to 47 bytes
-    QString regName();        // of the family, a near miss or any text
+    // A small number, a boundary value, four raw bytes or a small negative one.
+    int number()
+    {
+        switch (byte() % 4) {
+        case 0:
+            return byte();
+        case 1:
+            return BOUNDARY_VALUES[byte() % (sizeof(BOUNDARY_VALUES) / sizeof(BOUNDARY_VALUES[0]))];
+        case 2: {
+            const uint32_t low = u16();
+            return int32_t(low | uint32_t(u16()) << 16);
+        }
+        default:
+            return -int(byte());
+        }
+    }
+    QByteArray bytes(int n) // zeros where the input has ended
+    {
+        QByteArray out(qMax(n, 0), '\0');
+        for (int i = 0; i < out.size() && n_ > 0; ++i)
+            out[i] = char(byte());
+        return out;
+    }
+    QString text() // Latin-1 or UTF-8, up to 47 bytes
+    {
+        const int length = byte() % 48;
+        const QByteArray raw = bytes(length);
+        return length % 2 ? QString::fromUtf8(raw) : QString::fromLatin1(raw);
+    }
+    QString regName() // of the family, a near miss or any text
+    {
+        static const char *const nearMisses[] = {"D_bit", "V_bit", "Z_bit", "TC_bit", "200CC_bit", "X_bit", "M_bit",
+                                                 "",      "_bit",  "D_",    "D_x_bit", "d",        "Q",     " D",
+                                                 "D ",    "%1",    "256CC_", "C_bit",  "CC_bit_bit"};
+        const int selector = byte() % 48;
+        if (selector < 38)
+            return QString::fromLatin1(selector < 19 ? REGISTERS[selector].name : nearMisses[selector - 19]);
+        const QString name = text();
+        // The driver's own reports use these names at station -1.
+        return name == QLatin1String("RWI") || name == QLatin1String("-1") ? name + QLatin1Char('x') : name;
+    }
 
 private:
     const uint8_t *p_;
     size_t n_;
 };
 
-struct RegisterInfo {
-    const char *name;
-    int width; // bits of one unit: 1, 16 or 32
-    int lowest, highest, radix;
-};
-extern const RegisterInfo REGISTERS[19];
-const RegisterInfo *findRegister(const QString &name); // 0 outside the family
+// --- the register family as the runtime contract describes it --------------
+
+inline const RegisterInfo *findRegister(const QString &name) // 0 outside the family
+{
+    for (const RegisterInfo &r : REGISTERS)
+        if (name == QLatin1String(r.name))
+            return &r;
+    return nullptr;
+}
 
 // 1: bits of 16-bit words ("D_bit"); -1: a bit-in-word name the driver
 // refuses (of a bit or 32-bit register, or with anything between register
 // and suffix); 0: another name.
-int bitInWordKind(const QString &name);
+inline int bitInWordKind(const QString &name)
+{
+    if (name.size() <= 4 || !name.endsWith(QLatin1String("_bit")))
+        return 0;
+    const QString word = name.left(name.size() - 4);
+    const RegisterInfo *r = findRegister(word);
+    return !word.contains(QLatin1Char('_')) && (r ? r->width : 16) == 16 ? 1 : -1;
+}
+
+// A refused bit-in-word name, or a negative bit number.
+inline bool refusedBits(const QString &name, int address)
+{
+    return bitInWordKind(name) < 0 || (bitInWordKind(name) > 0 && address < 0);
+}
+
 // Bytes of the values buffer for length units: a byte per bit, two per word,
 // and for 32-bit registers (length counting words) four per whole value read,
 // two per word written. None for a refused bit-in-word name.
-int getDataBytes(const QString &name, int length);
-int setDataBytes(const QString &name, int length);
-qint64 unitsNamed(qint64 length); // the driver bounds every range to 65536 units
+inline int valueBytes(const QString &name, int length, bool reading)
+{
+    const RegisterInfo *r = findRegister(name);
+    const int width = r ? r->width : 16;
+    if (length < 1 || bitInWordKind(name) < 0)
+        return 0;
+    if (bitInWordKind(name) > 0 || width == 1)
+        return length;
+    return width == 32 && reading ? 4 * (length / 2) : 2 * length;
+}
+
+inline qint64 unitsNamed(qint64 length) // the driver bounds every range to 65536 units
+{
+    return length <= 0 ? 0 : qMin<qint64>(length, MAX_RANGE_UNITS);
+}
+
+// --- state of the runtime's side -------------------------------------------
 
 enum { RECIPE_BUFFER_WORDS = 32768 };
+
+inline bool readBack = false, inCallback = false, callbackOn = false;
+inline std::function<void()> nested; // run once, from the next report
+
+// Accounting of the outermost call in progress.
+inline int depth = 0;
+inline qint64 allowance = 0, reports = 0;
+
+// Counts intf_initProperty calls: a frame out before one is gone.
+inline int generation = 0;
+// The batch as the runtime sees it: an end report is owed while Open; Unseen
+// when the callback was off, so that its end may pass unheard.
+enum class Batch { Closed, Open, Unseen };
+inline Batch batch = Batch::Closed;
+// A frame that got a bad reply comes out again unchanged.
+inline bool resendDue = false;
+inline FRAME_PRO resendFrame;
+
+// Work per input: units named, each piece a write or condition read is cut
+// into counting 30 (it costs a scan of its queue), so that one input stays
+// well within a second under the sanitizers. A call past it is skipped.
+inline qint64 spent = 0;
+inline bool spend(qint64 units)
+{
+    if (spent + units > 150000)
+        return false;
+    spent += units;
+    return true;
+}
+
+// Runs one entry point call and checks around it: afterwards the cache has
+// grown by at most the units the call named (nested calls from the callback
+// add theirs), both job queues are within 513, the callback was called a
+// bounded number of times and the call returned within the time limit.
+template <class Call>
+int checked(const char *what, qint64 units, Call call)
+{
+    static const char *limit = getenv("KQ71_FUZZ_CALL_SECONDS");
+    const int cacheBefore = driver.dataAreas.size();
+    const auto start = std::chrono::steady_clock::now();
+    if (depth++ == 0)
+        allowance = reports = 0;
+    allowance += units;
+    const int result = call();
+    if (--depth > 0)
+        return result;
+    const qint64 grown = qint64(driver.dataAreas.size()) - cacheBefore;
+    if (grown > allowance)
+        fail("%s: the cache grew by %lld units, the calls named %lld", what, grown, allowance);
+    if (driver.writeJobs.size() > MAX_QUEUED_JOBS || driver.conditionReads.size() > MAX_QUEUED_JOBS)
+        fail("%s: %d writes and %d condition reads queued", what, driver.writeJobs.size(),
+             driver.conditionReads.size());
+    // Each unit is reported once as a value and at most twice per recipe item
+    // that places it in the recipe buffer, plus the end of a batch.
+    if (reports > (allowance + 2) * (2 * qMax<qint64>(driver.rcpItems.size(), 64) + 1))
+        fail("%s: %lld reports for %lld units", what, reports, allowance);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (seconds > (limit ? atof(limit) : 5.0))
+        fail("%s: the call took %.1f s", what, seconds);
+    return result;
+}
+
+// No queued job carries a bit-in-word name (bits are read and written as the
+// words holding them), and every planned read or recipe block is of 1 to 128
+// units.
+inline void checkJobs(const char *what)
+{
+    for (const QList<VARIABLE> *queue : {&driver.writeJobs, &driver.conditionReads, &driver.cyclicReads})
+        for (const VARIABLE &v : *queue)
+            if (bitInWordKind(v.regName) != 0)
+                fail("%s queued a job of %s", what, qPrintable(v.regName));
+    for (const VARIABLE &v : driver.cyclicReads)
+        if (v.length < 1 || v.length > MAX_BLOCK_UNITS)
+            fail("%s planned a read of %d units", what, v.length);
+    for (const _RCP_VAR_PRO &b : driver.rcpBlocks)
+        if (b.length < 1 || b.length > MAX_BLOCK_UNITS)
+            fail("%s planned a recipe block of %d units", what, b.length);
+}
+
+// The callback: checks its arguments (a unit of this device, the end of an
+// open batch, or a recipe word inside the recipe buffer), then reads the unit
+// back or runs the nested call when asked.
+inline void valueChanged(int deviceId, int station, const QString &regName, int address)
+{
+    ++reports;
+    if (deviceId == -1 && station == -1 && regName == QLatin1String("-1")) {
+        if ((address != 0 && address != -1) || batch == Batch::Closed)
+            fail("callback: end (%d) of a condition-read batch that is not open, or ended twice", address);
+        batch = Batch::Closed;
+        return;
+    }
+    if (deviceId == 0 && station == -1 && regName == QLatin1String("RWI")) {
+        if (address < 0 || address >= RECIPE_BUFFER_WORDS)
+            fail("callback: recipe word %d outside the recipe buffer", address);
+        return;
+    }
+    if (deviceId != driver.deviceId)
+        fail("callback: device %d reported (%d, %s, %d), this driver is %d", deviceId, station, qPrintable(regName),
+             address, driver.deviceId);
+    if (inCallback)
+        return;
+    inCallback = true;
+    if (readBack) {
+        const RegisterInfo *r = findRegister(regName);
+        const int length = r && r->width == 32 ? 2 : 1;
+        unsigned char *values = static_cast<unsigned char *>(malloc(size_t(valueBytes(regName, length, true))));
+        QString name = regName;
+        if (checked("intf_getData in the callback", length,
+                    [&] { return intf_getData(station, &name, address, length, values); }) != 1)
+            fail("intf_getData in the callback did not return 1 for %s", qPrintable(regName));
+        free(values);
+    }
+    if (nested) {
+        const std::function<void()> call = nested;
+        nested = nullptr;
+        call();
+    }
+    inCallback = false;
+}
+
+// The callback: 0 none, 1 checking its arguments, 2 also reading each
+// reported unit back.
+inline void setCallback(int mode)
+{
+    intf_setAddrValueChangeCallBack(mode ? &valueChanged : nullptr);
+    callbackOn = mode != 0;
+    readBack = mode == 2;
+    if (!callbackOn && batch == Batch::Open)
+        batch = Batch::Unseen;
+}
 
 // Shared memory of exactly KQ71_SHARED_MEM_MIN bytes and a 64 KiB recipe
 // buffer on the heap, so that an access past either end is reported. The
@@ -82,60 +314,337 @@ enum { RECIPE_BUFFER_WORDS = 32768 };
 // destruction, so that no pointer to the freed buffers stays behind; Qt's
 // messages (a debug line per job) are dropped meanwhile.
 struct Runtime {
-    Runtime();
-    ~Runtime();
-    Runtime(const Runtime &) = delete;
-    void init(const char *property); // checked: 1, status 0, nothing left behind
-    void setRecipeFlags(unsigned char write, unsigned char read);
-    unsigned char *sharedMem, *recipeBuf;
+    unsigned char *sharedMem = static_cast<unsigned char *>(calloc(KQ71_SHARED_MEM_MIN, 1));
+    unsigned char *recipeBuf = static_cast<unsigned char *>(calloc(2 * RECIPE_BUFFER_WORDS, 1));
     QMutex mutex;
+    kq71test::MessageSink previousSink = kq71test::installMessageSink([](QtMsgType, const QString &) {});
+
+    Runtime() { reset(); }
+    Runtime(const Runtime &) = delete;
+    ~Runtime()
+    {
+        reset();
+        kq71test::installMessageSink(previousSink);
+        free(sharedMem);
+        free(recipeBuf);
+    }
+    static void reset()
+    {
+        {
+            ServiceLock lock;
+            driver.resetAll();
+        }
+        ++generation;
+        batch = Batch::Closed;
+        callbackOn = readBack = resendDue = false;
+        nested = nullptr;
+        spent = 0;
+    }
+    void init(const char *property) // with 1, status 0 and nothing left behind
+    {
+        int status = -1;
+        const int result = checked("intf_initProperty", 0, [&] {
+            return intf_initProperty(sharedMem, nullptr, recipeBuf, &status, property, &mutex);
+        });
+        if (result != 1 || status != 0)
+            fail("intf_initProperty returned %d with status %d", result, status);
+        if (!driver.cyclicReads.isEmpty() || !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() ||
+            !driver.dataAreas.isEmpty() || !driver.frameQueue.isEmpty())
+            fail("intf_initProperty left jobs or cache behind");
+        ++generation;
+        batch = Batch::Closed; // the queue is gone, and with it the batch
+        resendDue = false;
+    }
+    void setRecipeFlags(unsigned char write, unsigned char read)
+    {
+        QMutexLocker guard(&mutex);
+        sharedMem[KQ71_RECIPE_WRITE_FLAG] = write;
+        sharedMem[KQ71_RECIPE_READ_FLAG] = read;
+    }
 };
 
-// Around one entry point call: afterwards the cache has grown by at most the
-// units the call named (nested calls from the callback add theirs), both job
-// queues are within 513, the callback was called a bounded number of times
-// and the call returned within the time limit.
-class CallCheck {
-public:
-    CallCheck(const char *what, qint64 unitsNamed);
-    ~CallCheck();
+// --- entry points with their results checked, each skipped past the budget --
 
-private:
-    const char *what_;
-    int cacheBefore_;
-    std::chrono::steady_clock::time_point start_;
-};
+// Jobs a write or condition read of this many units is cut into, at most.
+inline qint64 piecesOf(qint64 units, bool wordByWord)
+{
+    const qint64 words = driver.maxWordsPerPiece < 1 ? MAX_BLOCK_UNITS : driver.maxWordsPerPiece;
+    const qint64 bits = driver.maxBitsPerPiece < 1 ? MAX_BLOCK_UNITS : driver.maxBitsPerPiece;
+    return wordByWord || units <= 0 ? units : (units + qMin(words, bits) - 1) / qMin(words, bits);
+}
 
-// The callback: 0 none, 1 checking its arguments, 2 also reading each
-// reported unit back. A call set with setNestedCall runs from the next report.
-void setCallback(int mode);
-void setNestedCall(const std::function<void()> &call);
+inline void watch(QList<KEY_ADDRESS> keys)
+{
+    qint64 units = 0;
+    for (const KEY_ADDRESS &k : keys)
+        units += unitsNamed(k.length);
+    if (!spend(units))
+        return;
+    const int jobs = checked("intf_addrMerge", units, [&] { return intf_addrMerge(&keys); });
+    if (jobs != driver.cyclicReads.size())
+        fail("intf_addrMerge returned %d for %d cyclic reads", jobs, driver.cyclicReads.size());
+    checkJobs("intf_addrMerge");
+}
 
-// Entry points with their results checked. Each draws the units it names
-// from a work budget per input, and is skipped once that runs out.
-void watch(QList<KEY_ADDRESS> keys);
-void condition(KEY_ADDRESS key, int id); // opens a batch that must end once
-void recipe(QVector<_RCP_VAR_PRO> items);
-void getData(int station, QString name, int address, int length, bool withBuffer);
-void setData(int station, QString name, int address, int length, const QByteArray &values, bool withBuffer, int id);
-bool spend(qint64 units);
+// Opens a batch that must end exactly once, also for a key that names no unit.
+inline void condition(KEY_ADDRESS k, int id)
+{
+    const qint64 units = unitsNamed(k.length);
+    if (!spend(units + 30 * piecesOf(units, false)))
+        return;
+    const int before = driver.conditionReads.size();
+    if (checked("intf_addConditionRead", units, [&] { return intf_addConditionRead(&k, id); }) != 1)
+        fail("intf_addConditionRead did not return 1");
+    if (refusedBits(k.regName, k.address) && driver.conditionReads.size() != before)
+        fail("intf_addConditionRead queued a read of the refused %s", qPrintable(k.regName));
+    checkJobs("intf_addConditionRead");
+    batch = callbackOn ? Batch::Open : Batch::Unseen;
+}
 
-// intf_getSendFrame with the frame's checks; false when nothing is to be sent.
-bool nextFrame(FRAME_PRO &frame);
-// A reply to the frame handed out last (none: frame is 0), chosen by the
-// input: raw bytes of up to 1099, a correct reply with or without one flaw,
-// an exception reply, or bytes of exactly the length awaited. wellFormed:
-// the driver must take it.
-QByteArray makeReply(Input &in, const FRAME_PRO *frame, bool &wellFormed);
-QByteArray goodReply(Input &in, const FRAME_PRO &frame);
-// intf_dealRcvFrame with argument shapes from the input, its result and error
-// text checked against the frame that is out. Returns the result.
-int deal(Input &in, const QByteArray &reply, const FRAME_PRO *frame, bool wellFormed);
+inline void recipe(QVector<_RCP_VAR_PRO> items)
+{
+    qint64 units = 0;
+    int mine = 0;
+    for (const _RCP_VAR_PRO &item : items) {
+        units += unitsNamed(item.length);
+        mine += item.deviceId == driver.deviceId;
+    }
+    if (!spend(units))
+        return;
+    const int kept = checked("intf_setRcpAddress", units, [&] { return intf_setRcpAddress(&items); });
+    if (kept != mine)
+        fail("intf_setRcpAddress kept %d of %d items of this device", kept, mine);
+    checkJobs("intf_setRcpAddress");
+}
+
+// A buffer of exactly the contract's size, or none.
+inline void getData(int station, QString name, int address, int length, bool withBuffer)
+{
+    const qint64 units = unitsNamed(length);
+    if (!spend(units))
+        return;
+    unsigned char *values =
+        withBuffer ? static_cast<unsigned char *>(malloc(size_t(valueBytes(name, length, true)))) : nullptr;
+    const int result =
+        checked("intf_getData", units, [&] { return intf_getData(station, &name, address, length, values); });
+    if (result != (withBuffer && !refusedBits(name, address)))
+        fail("intf_getData returned %d for %s", result, qPrintable(name));
+    // Bits in words read as 0 or 1, for each bit the call names: at most
+    // 65536, none past the last address.
+    const qint64 bits = result == 1 && bitInWordKind(name) > 0 ? qMin(units, qint64(INT_MAX) - address + 1) : 0;
+    for (qint64 i = 0; i < bits; ++i)
+        if (values[i] > 1)
+            fail("intf_getData gave %d for bit %lld of %s", values[i], i, qPrintable(name));
+    free(values);
+}
+
+inline void setData(int station, QString name, int address, int length, const QByteArray &bytes, bool withBuffer,
+                    int id)
+{
+    const qint64 units = unitsNamed(length);
+    const bool wordByWord = name == QLatin1String("V") || name == QLatin1String("Z") ||
+                            name == QLatin1String("V_bit") || name == QLatin1String("Z_bit");
+    if (!spend(units + 30 * piecesOf(units, wordByWord)))
+        return;
+    unsigned char *values = withBuffer ? static_cast<unsigned char *>(malloc(size_t(bytes.size()))) : nullptr;
+    if (values)
+        memcpy(values, bytes.constData(), size_t(bytes.size()));
+    const int result =
+        checked("intf_setData", units, [&] { return intf_setData(station, &name, address, length, values, id); });
+    if (result != (refusedBits(name, address) ? 0 : withBuffer || length <= 0))
+        fail("intf_setData returned %d for %s", result, qPrintable(name));
+    checkJobs("intf_setData");
+    free(values);
+}
+
+// --- frames and replies ---------------------------------------------------
+
+// The tests' own CRC, independent of the driver's.
+inline unsigned crc16(const unsigned char *bytes, long long count)
+{
+    unsigned crc = 0xFFFF;
+    for (long long i = 0; i < count; ++i) {
+        crc ^= bytes[i];
+        for (int b = 0; b < 8; ++b)
+            crc = (crc & 1) ? (crc >> 1) ^ 0xA001 : crc >> 1;
+    }
+    return crc;
+}
+
+inline QByteArray withCrc(QByteArray b)
+{
+    const unsigned crc = crc16(reinterpret_cast<const unsigned char *>(b.constData()), b.size());
+    return b.append(char(crc & 0xFF)).append(char(crc >> 8));
+}
+
+// intf_getSendFrame; false when nothing is to be sent. A frame handed out has
+// sendLen in [0, 1024] and what its own bytes imply, recvLen what its request
+// implies, its CRC, its station and the fields that go with its function.
+inline bool nextFrame(FRAME_PRO &f)
+{
+    const int result = checked("intf_getSendFrame", 0, [&] { return intf_getSendFrame(&f); });
+    if (result != 0 && result != 1)
+        fail("intf_getSendFrame returned %d", result);
+    if (resendDue && (result != 1 || f.sendLen != resendFrame.sendLen || f.recvLen != resendFrame.recvLen ||
+                      f.itemCount != resendFrame.itemCount || memcmp(f.frame, resendFrame.frame, f.sendLen) != 0))
+        fail("the frame that got a bad reply was not handed out again");
+    resendDue = false;
+    if (result == 0)
+        return false;
+    if (f.sendLen < 0 || f.sendLen > KQ71_FRAME_BYTES || f.recvLen < 0 || f.reserved != 0)
+        fail("frame: sendLen %d, recvLen %d, reserved %d", f.sendLen, f.recvLen, f.reserved);
+    if (f.sendLen == 0) { // the handshake: nothing to send, nothing awaited
+        if (f.recvLen != 0)
+            fail("frame: empty request awaits %d bytes", f.recvLen);
+        return true;
+    }
+    const unsigned char *q = f.frame;
+    const int function = q[1], count = q[4] << 8 | q[5];
+    const bool read = function == 0x01 || function == 0x03, multiple = function == 0x0F || function == 0x10;
+    if (!read && !multiple && function != 0x05 && function != 0x06)
+        fail("frame: function %02X, sendLen %d", function, f.sendLen);
+    const int dataBytes = function == 0x01 || function == 0x0F ? (count + 7) / 8 : 2 * count;
+    const int request = multiple ? 9 + dataBytes : 8, reply = read ? 5 + dataBytes : 8;
+    if (multiple && q[6] != (dataBytes & 0xFF))
+        fail("frame: function %02X of %d units says %d bytes", function, count, q[6]);
+    if (function == 0x05 && !((q[4] == 0xFF || q[4] == 0) && q[5] == 0))
+        fail("frame: bit value %02X %02X", q[4], q[5]);
+    if (f.sendLen != request || f.recvLen != reply)
+        fail("frame: function %02X count %d: sendLen %d and recvLen %d, its bytes imply %d and %d", function, count,
+             f.sendLen, f.recvLen, request, reply);
+    const unsigned crc = crc16(q, f.sendLen - 2);
+    if (q[f.sendLen - 2] != (crc & 0xFF) || q[f.sendLen - 1] != (crc >> 8) || q[0] != (f.var.station & 0xFF))
+        fail("frame: function %02X: wrong CRC or station byte %d for station %d", function, q[0], f.var.station);
+    if (read ? (f.dataPos != 3 || f.itemCount != f.var.length || f.itemCount < 1) : (f.dataPos != 0 || f.itemCount != 0))
+        fail("frame: function %02X with dataPos %d, itemCount %d, job length %d", function, f.dataPos, f.itemCount,
+             f.var.length);
+    return true;
+}
+
+// The correct reply to a frame (read: data bytes from the input).
+inline QByteArray goodReply(Input &in, const FRAME_PRO &f)
+{
+    if (f.sendLen < 8)
+        return QByteArray();
+    if (f.frame[1] != 0x01 && f.frame[1] != 0x03)
+        return withCrc(QByteArray(reinterpret_cast<const char *>(f.frame), 6));
+    const int data = f.recvLen - 5;
+    return withCrc(QByteArray(reinterpret_cast<const char *>(f.frame), 2).append(char(data & 0xFF)) + in.bytes(data));
+}
+
+// A reply to the frame handed out last (none: f is 0), chosen by the input:
+// raw bytes of up to 1099, a correct reply with or without one flaw, an
+// exception reply, or bytes of exactly the length awaited. wellFormed: the
+// driver must take it.
+inline QByteArray makeReply(Input &in, const FRAME_PRO *f, bool &wellFormed)
+{
+    wellFormed = false;
+    const uint8_t kind = in.byte();
+    const bool request = f && f->sendLen >= 8;
+    if (kind % 4 == 0) // any bytes, from nothing to more than a frame holds
+        return in.bytes(in.u16() % 1100);
+    if (kind % 4 == 1 && !request)
+        return in.bytes(in.byte());
+    if (kind % 4 == 1) {
+        QByteArray reply = goodReply(in, *f);
+        if ((kind >> 2) % 4 == 1) { // one byte changed
+            const int at = in.u16() % reply.size();
+            reply[at] = char(reply.at(at) ^ (in.byte() | 1));
+        } else if ((kind >> 2) % 4 == 2) { // a few bytes short or too many
+            const int delta = in.below(9) - 4;
+            reply = delta < 0 ? reply.left(reply.size() + delta) : reply + in.bytes(delta == 0 ? 1 : delta);
+        }
+        wellFormed = (kind >> 2) % 4 == 0 || (kind >> 2) % 4 == 3;
+        return reply;
+    }
+    if (kind % 4 == 2) { // an exception reply
+        QByteArray reply(1, char(request ? f->frame[0] : in.byte()));
+        reply.append(char((request ? f->frame[1] : in.byte()) | 0x80));
+        return withCrc(reply.append(char(in.byte())));
+    }
+    // Exactly as long as awaited, with a CRC that holds or not.
+    const QByteArray reply = in.bytes(f ? qBound(0, f->recvLen, 70000) : in.byte());
+    return (kind >> 2) % 2 && reply.size() >= 2 ? withCrc(reply.left(reply.size() - 2)) : reply;
+}
+
+// intf_dealRcvFrame with argument shapes from the input (no reply, no text, a
+// text filled beforehand). Its result is 1 exactly when the reply answers the
+// frame that is out, its error text names that frame's job.
+inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wellFormed)
+{
+    const uint8_t shape = in.byte() % 8;
+    const bool noReply = shape == 1, noText = shape == 2;
+    QByteArray reply = bytes;
+    QString text = shape == 3 ? in.text() : QString(); // whatever the string held before
+    const bool pending = !driver.frameQueue.isEmpty();
+    const FRAME_PRO head = pending ? driver.frameQueue.first() : FRAME_PRO();
+    const VARIABLE &job = head.var;
+    // Good is exactly: as long as the request awaits, with its CRC, from the
+    // station and for the function asked; a read reply with its byte count
+    // (modulo 256) and not the request echoed. Nothing else is decoded.
+    const QByteArray seen = noReply ? QByteArray() : bytes;
+    const unsigned char *s = reinterpret_cast<const unsigned char *>(seen.constData());
+    const int n = seen.size();
+    const bool readJob = head.frame[1] == 0x01 || head.frame[1] == 0x03;
+    const bool good = pending && n == head.recvLen && n >= 5 &&
+                      crc16(s, n - 2) == (s[n - 2] | unsigned(s[n - 1]) << 8) && s[0] == head.frame[0] &&
+                      s[1] == head.frame[1] &&
+                      (!readJob || (s[2] == ((n - 5) & 0xFF) && !(head.sendLen == n && memcmp(s, head.frame, n) == 0)));
+    const int result = checked("intf_dealRcvFrame", pending ? unitsNamed(job.length) : 0,
+                               [&] { return intf_dealRcvFrame(noReply ? nullptr : &reply, noText ? nullptr : &text); });
+    if (!pending) {
+        if (result != 0 || (!noText && !text.isEmpty()))
+            fail("intf_dealRcvFrame without a frame: %d, text \"%s\"", result, qPrintable(text));
+        return result;
+    }
+    if ((result != 1 && result != 2 && result != 8) || (result == 1) != good || (wellFormed && !noReply && !good))
+        fail("a reply of %d bytes to function %02X awaiting %d bytes (well-formed: %d) was rated %d", n,
+             head.frame[1], head.recvLen, wellFormed, result);
+    // A Z job at an odd address is named as the V register it shares the cell
+    // with; negative Z addresses have no naming worth pinning.
+    QString place = job.regName + QString::number(job.address);
+    if (job.regName == QLatin1String("Z"))
+        place = job.address % 2 == 1 ? QLatin1Char('V') + QString::number((job.address - 1) / 2)
+                                     : QLatin1Char('Z') + QString::number(job.address / 2);
+    QString expected = QString::number(job.station) + QLatin1Char('#') + place + QLatin1Char('(') +
+                       QString::number(job.length) + QLatin1Char(')');
+    if (n == 5 && s[1] > 0x80)
+        expected += QLatin1String(",error code:") + QString::number(s[1] - 0x80);
+    if (!noText && text != expected && !(job.regName == QLatin1String("Z") && job.address < 0))
+        fail("error text \"%s\", expected \"%s\"", qPrintable(text), qPrintable(expected));
+    resendDue = result == 8 && f;
+    if (resendDue)
+        resendFrame = *f;
+    return result;
+}
+
 // Answered well, the exchange works off every write and condition read (and,
 // given the runtime, every recipe transfer its flags ask for) within bound
-// frames, and the open batch ends.
-void drain(Input &in, qint64 bound, const Runtime *recipeFlags);
-int initGeneration(); // counts intf_initProperty calls: a frame out before is gone
+// frames, and the open batch ends. Only a run of writes with no cyclic read
+// to take turns with may pause, once.
+inline void drain(Input &in, qint64 bound, const Runtime *runtime)
+{
+    const auto busy = [runtime] {
+        return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || batch == Batch::Open ||
+               (runtime && (runtime->sharedMem[KQ71_RECIPE_WRITE_FLAG] || runtime->sharedMem[KQ71_RECIPE_READ_FLAG]));
+    };
+    int idle = 0;
+    for (qint64 i = 0; i < bound && busy(); ++i) {
+        FRAME_PRO f;
+        if (!nextFrame(f)) {
+            if (++idle > 1 || !driver.cyclicReads.isEmpty())
+                break;
+            continue;
+        }
+        idle = 0;
+        deal(in, goodReply(in, f), &f, true);
+    }
+    if (busy())
+        fail("answered well, the exchange left %d writes, %d condition reads, batch %d and recipe flags %d/%d",
+             driver.writeJobs.size(), driver.conditionReads.size(), int(batch),
+             runtime ? runtime->sharedMem[KQ71_RECIPE_WRITE_FLAG] : 0,
+             runtime ? runtime->sharedMem[KQ71_RECIPE_READ_FLAG] : 0);
+}
 
 } // namespace kq71fuzz
 

@@ -20,8 +20,6 @@
 // transfer, with no pause while jobs wait.
 #include "fuzz_support.h"
 
-#include "driver_internals.h"
-
 using namespace kq71fuzz;
 
 namespace {
@@ -82,7 +80,7 @@ int runRepliesInput(const uint8_t *data, size_t size)
     for (int n = 1 + in.below(3); n > 0; --n) {
         const RegisterInfo &r = REGISTERS[in.byte() % 19];
         const int address = addressIn(in, r), length = 1 + in.byte() % 32;
-        const QByteArray values = in.bytes(setDataBytes(QString::fromLatin1(r.name), length));
+        const QByteArray values = in.bytes(valueBytes(QString::fromLatin1(r.name), length, false));
         writes.append([=] { setData(1, QString::fromLatin1(r.name), address, length, values, true, 7); });
     }
     setUp[1] = [writes] {

@@ -37,12 +37,12 @@ TEST_P(FuzzInputs, EveryKeptInputKeepsTheInvariants)
     ASSERT_FALSE(files.empty()) << "no seed corpus in fuzz/corpus/" << target.name;
     for (const fs::path &file : files) {
         const std::string name = file.string();
-        kq71fuzz::setInputName(name.c_str());
+        kq71fuzz::inputName = name.c_str();
         std::ifstream in(file, std::ios::binary);
         const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
         EXPECT_EQ(0, target.body(bytes.data(), bytes.size())) << name;
     }
-    kq71fuzz::setInputName(nullptr);
+    kq71fuzz::inputName = nullptr;
 }
 
 INSTANTIATE_TEST_SUITE_P(Targets, FuzzInputs,
