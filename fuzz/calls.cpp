@@ -19,7 +19,9 @@
 //   9 the recipe flags in shared memory
 //  10 up to 16 exchanges answered with good replies
 //  11 the descriptive queries
-//  12 a call for the callback to make from inside the next report
+//  12 one of 0, 7, 2, 1, 3, 6 (by a byte % 6) for the callback to make from
+//     inside the next report: up to 3 keys, lengths up to 64, always a
+//     buffer, no id (9 for writes, 11 for condition reads)
 // Then good replies must work off every write and condition read.
 //
 // Recipe items keep their values inside the 64 KiB recipe buffer: the driver
@@ -29,10 +31,6 @@
 using namespace kq71fuzz;
 
 namespace {
-
-// Beyond the 65536 units one call may name, so that the driver's own bound is
-// exercised, while the buffer stays one a runtime could hold.
-const int MAX_VALUE_LENGTH = 70000;
 
 struct Program {
     Input in;
@@ -65,36 +63,21 @@ struct Program {
         return k;
     }
 
-    QList<KEY_ADDRESS> keys(int most)
-    {
-        QList<KEY_ADDRESS> keys;
-        for (int n = in.below(most + 1); n > 0; --n)
-            keys.append(key());
-        return keys;
-    }
-
     QByteArray property()
     {
         // One read per statement: the input must mean the same to every compiler.
-        switch (in.byte() % 3) {
-        case 0: {
-            QByteArray text;
-            for (int i = 0; i < 5; ++i)
-                text += (i ? "#" : "") + QByteArray::number(in.number());
-            return text;
-        }
-        case 1: {
+        const int mode = in.byte() % 3;
+        QByteArray text;
+        for (int i = 0; i < 5 && mode == 0; ++i)
+            text += (i ? "#" : "") + QByteArray::number(in.number());
+        if (mode == 1) {
             static const int gaps[] = {0, 1, 2, 10, 64, 128, 507, 4096, 2147483647};
-            const int device = in.below(4);
-            const int cacheOnly = in.below(2);
-            const int retries = in.below(5);
-            const int gap = gaps[in.below(9)];
-            return QByteArray::number(device) + "#" + QByteArray::number(cacheOnly) + "#0#" +
-                   QByteArray::number(retries) + "#" + QByteArray::number(gap);
+            text += QByteArray::number(in.below(4)) + "#";
+            text += QByteArray::number(in.below(2)) + "#0#";
+            text += QByteArray::number(in.below(5)) + "#";
+            text += QByteArray::number(gaps[in.below(9)]);
         }
-        default:
-            return in.text().toLatin1(); // any shape; a NUL ends it early
-        }
+        return mode == 2 ? in.text().toLatin1() : text; // any shape; a NUL ends it early
     }
 
     QVector<_RCP_VAR_PRO> recipeItems()
@@ -108,16 +91,52 @@ struct Program {
             item.address = in.number();
             item.bufOffset = in.u16() % RECIPE_BUFFER_WORDS;
             item.reserved = in.number();
-            // Bits take 16 to a word, every other unit a word each (a 32-bit
-            // value counts two).
+            // Bits take 16 to a word, every other unit (a 32-bit value: two) a word each.
             const RegisterInfo *r = findRegister(item.regName);
-            const qint64 room = RECIPE_BUFFER_WORDS - item.bufOffset;
-            const qint64 most = (r && r->width == 1) ? 16 * room : room;
+            const qint64 room = RECIPE_BUFFER_WORDS - item.bufOffset, most = (r && r->width == 1) ? 16 * room : room;
             const int length = in.number();
             item.length = length > most ? int(length % (most + 1)) : length;
             items.append(item);
         }
         return items;
+    }
+
+    // A call that takes arguments, read now and made at once or, nested, from
+    // inside the next report.
+    std::function<void()> call(int op, bool nested)
+    {
+        switch (op) {
+        case 0: {
+            const QByteArray text = property();
+            return [this, text] { runtime.init(text.constData()); };
+        }
+        case 1: {
+            QList<KEY_ADDRESS> keys;
+            for (int n = in.below(nested ? 4 : 13); n > 0; --n)
+                keys.append(key());
+            return [keys] { watch(keys); };
+        }
+        case 2: {
+            const KEY_ADDRESS k = key();
+            const int id = nested ? 11 : in.number();
+            return [k, id] { condition(k, id); };
+        }
+        case 3: {
+            const QVector<_RCP_VAR_PRO> items = recipeItems();
+            return [items] { recipe(items); };
+        }
+        default: { // 6 intf_getData, 7 intf_setData
+            // Past the 65536 units one call may name, a buffer a runtime could still hold.
+            const int station = in.number(), address = in.number(), length = qMin(in.number(), nested ? 64 : 70000);
+            const QString name = in.regName();
+            const bool withBuffer = nested || in.byte() % 8 != 0;
+            if (op == 6)
+                return [=] { getData(station, name, address, length, withBuffer); };
+            const QByteArray values = in.bytes(valueBytes(name, length, false));
+            const int id = nested ? 9 : in.number();
+            return [=] { setData(station, name, address, length, values, withBuffer, id); };
+        }
+        }
     }
 
     void send()
@@ -126,138 +145,50 @@ struct Program {
         frameGeneration = generation;
     }
 
-    void reply()
-    {
-        const FRAME_PRO *out = haveFrame && frameGeneration == generation ? &frame : 0;
-        bool wellFormed = false;
-        const QByteArray bytes = makeReply(in, out, wellFormed);
-        // A frame that is answered is done unless it is to be sent again.
-        if (deal(in, bytes, out, wellFormed) != 8)
-            haveFrame = false;
-    }
-
-    void exchange()
-    {
-        for (int n = 1 + in.below(16); n > 0; --n) {
-            send();
-            if (!haveFrame || !spend(unitsNamed(frame.var.length)))
-                return;
-            deal(in, goodReply(in, frame), &frame, true);
-            haveFrame = false;
-        }
-    }
-
-    void queries()
-    {
-        int type = -1;
-        intf_getProtocolType(&type);
-        QString text;
-        intf_getDriverParameter(&text);
-        intf_getDriverPropertyPage(&text);
-        text = in.text();
-        intf_SetDriverPropertyPage(&text);
-        QList<QString> names;
-        const int listType = in.number();
-        const int result = intf_getRegListByType(listType, &names);
-        if (type != 0 || result != (listType == 0 || listType == 1) || names.size() != (listType == 0 ? 8 : 11))
-            fail("protocol type %d; intf_getRegListByType(%d): %d, %d names", type, listType, result, names.size());
-    }
-
-    // A runtime may call back into the driver from inside a report.
-    void nestedCall()
-    {
-        std::function<void()> call;
-        switch (in.below(6)) {
-        case 0: {
-            const QByteArray text = property();
-            call = [this, text] { runtime.init(text.constData()); };
-            break;
-        }
-        case 1: {
-            const int station = in.number(), address = in.number(), length = qMin(in.number(), 64);
-            const QString name = in.regName();
-            const QByteArray values = in.bytes(valueBytes(name, length, false));
-            call = [=] { setData(station, name, address, length, values, true, 9); };
-            break;
-        }
-        case 2: {
-            const KEY_ADDRESS k = key();
-            call = [k] { condition(k, 11); };
-            break;
-        }
-        case 3: {
-            const QList<KEY_ADDRESS> list = keys(3);
-            call = [list] { watch(list); };
-            break;
-        }
-        case 4: {
-            const QVector<_RCP_VAR_PRO> items = recipeItems();
-            call = [items] { recipe(items); };
-            break;
-        }
-        default: {
-            const int station = in.number(), address = in.number(), length = qMin(in.number(), 64);
-            const QString name = in.regName();
-            call = [=] { getData(station, name, address, length, true); };
-        }
-        }
-        nested = call;
-    }
-
     void step()
     {
         const int op = in.byte() % 13;
-        switch (op) {
-        case 0:
-            runtime.init(property().constData());
-            break;
-        case 1:
-            watch(keys(12));
-            break;
-        case 2: {
-            const KEY_ADDRESS k = key();
-            condition(k, in.number());
-            break;
-        }
-        case 3:
-            recipe(recipeItems());
-            break;
-        case 4:
+        if (op < 4 || op == 6 || op == 7)
+            return call(op, false)();
+        if (op == 4) {
             send();
-            break;
-        case 5:
-            reply();
-            break;
-        case 6:
-        case 7: {
-            const int station = in.number(), address = in.number(), length = qMin(in.number(), MAX_VALUE_LENGTH);
-            const QString name = in.regName();
-            const bool withBuffer = in.byte() % 8 != 0;
-            if (op == 6) {
-                getData(station, name, address, length, withBuffer);
-                break;
-            }
-            const QByteArray values = in.bytes(valueBytes(name, length, false));
-            setData(station, name, address, length, values, withBuffer, in.number());
-            break;
-        }
-        case 8:
+        } else if (op == 5) {
+            const FRAME_PRO *out = haveFrame && frameGeneration == generation ? &frame : nullptr;
+            bool wellFormed = false;
+            const QByteArray bytes = makeReply(in, out, wellFormed);
+            // A frame that is answered is done unless it is to be sent again.
+            haveFrame = deal(in, bytes, out, wellFormed) == 8 && haveFrame;
+        } else if (op == 8) {
             setCallback(in.below(3));
-            break;
-        case 9: {
+        } else if (op == 9) {
             static const unsigned char values[] = {0, 1, 1, 2, 255};
             const unsigned char write = values[in.below(5)];
             runtime.setRecipeFlags(write, values[in.below(5)]);
-            break;
-        }
-        case 10:
-            exchange();
-            break;
-        case 11:
-            queries();
-            break;
-        default:
-            nestedCall();
+        } else if (op == 10) {
+            for (int n = 1 + in.below(16); n > 0; --n) {
+                send();
+                if (!haveFrame || !spend(unitsNamed(frame.var.length)))
+                    return;
+                deal(in, goodReply(in, frame), &frame, true);
+                haveFrame = false;
+            }
+        } else if (op == 11) {
+            int type = -1;
+            intf_getProtocolType(&type);
+            QString text;
+            intf_getDriverParameter(&text);
+            intf_getDriverPropertyPage(&text);
+            text = in.text();
+            intf_SetDriverPropertyPage(&text);
+            QList<QString> names;
+            const int listType = in.number();
+            const int result = intf_getRegListByType(listType, &names);
+            if (type != 0 || result != (listType == 0 || listType == 1) || names.size() != (listType == 0 ? 8 : 11))
+                fail("protocol type %d; intf_getRegListByType(%d): %d, %d names", type, listType, result,
+                     names.size());
+        } else {
+            static const int nestable[] = {0, 7, 2, 1, 3, 6};
+            nested = call(nestable[in.below(6)], true);
         }
     }
 };
