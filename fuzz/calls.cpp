@@ -181,11 +181,9 @@ struct Program {
             text = in.text();
             intf_SetDriverPropertyPage(&text);
             QList<QString> names;
-            const int listType = in.number();
-            const int result = intf_getRegListByType(listType, &names);
-            if (type != 0 || result != (listType == 0 || listType == 1) || names.size() != (listType == 0 ? 8 : 11))
-                fail("protocol type %d; intf_getRegListByType(%d): %d, %d names", type, listType, result,
-                     names.size());
+            const int listType = in.number(), result = intf_getRegListByType(listType, &names);
+            FUZZ_CHECK(type == 0 && result == (listType == 0 || listType == 1) && names.size() == (listType ? 11 : 8),
+                       "type %d; list %d: %d, %d names", type, listType, result, names.size());
         } else {
             static const int nestable[] = {0, 7, 2, 1, 3, 6};
             nested = call(nestable[in.below(6)], true);

@@ -2,8 +2,8 @@
 // arguments, the runtime's buffers in exactly the sizes the runtime contract
 // promises, and the entry points called with their invariants checked.
 //
-// An invariant that does not hold ends the process through fail(), so that
-// libFuzzer keeps the input as a crash and a replay stops at the first fault.
+// An invariant that does not hold ends the process, so that libFuzzer keeps
+// the input as a crash and a replay stops at the first fault.
 #ifndef KQ71_FUZZ_SUPPORT_H
 #define KQ71_FUZZ_SUPPORT_H
 
@@ -28,20 +28,21 @@ int runRepliesInput(const uint8_t *data, size_t size);
 int runCallsInput(const uint8_t *data, size_t size);
 int runEditorInput(const uint8_t *data, size_t size);
 
+// The message (printf arguments) is only built when the invariant is broken.
+#define FUZZ_CHECK(invariant, ...) ((invariant) ? void(0) : kq71fuzz::fail(#invariant, __VA_ARGS__))
+
 namespace kq71fuzz {
 
-inline const char *inputName = nullptr; // named in every failure message
+inline const char *inputName = nullptr; // set by the replay
 
-[[noreturn, gnu::format(printf, 1, 2)]] inline void fail(const char *format, ...)
+[[noreturn, gnu::format(printf, 2, 3)]] inline void fail(const char *invariant, const char *format, ...)
 {
-    fprintf(stderr, "kq71 fuzz: invariant broken: ");
+    fprintf(stderr, "kq71 fuzz: invariant broken: %s: ", invariant);
     va_list args;
     va_start(args, format);
     vfprintf(stderr, format, args);
     va_end(args);
-    fprintf(stderr, "\n");
-    if (inputName)
-        fprintf(stderr, "kq71 fuzz: input %s\n", inputName);
+    fprintf(stderr, "\nkq71 fuzz: input %s\n", inputName ? inputName : "as libFuzzer keeps it");
     fflush(stderr);
     abort();
 }
@@ -54,6 +55,7 @@ inline const int BOUNDARY_VALUES[] = {
     512, 513, 1023, 1024, 1025, 4095, 4096, 7999, 8000, 8001, 8191, 8192, 9999, 10000, 32767, 32768, 65535, 65536,
     65537, 70000, -65536, 1073741823, 1073741824, 2147483520, 2147483646, 2147483647, -2147483647 - 1, -2147483647};
 
+// The register family as the runtime contract describes it.
 struct RegisterInfo {
     const char *name;
     int width; // bits of one unit: 1, 16 or 32
@@ -80,8 +82,7 @@ public:
         return uint16_t(low | byte() << 8);
     }
     int below(int n) { return n > 0 ? byte() % n : 0; }
-    // A small number, a boundary value, four raw bytes or a small negative one.
-    int number()
+    int number() // a small number, a boundary value, four raw bytes or a small negative one
     {
         switch (byte() % 4) {
         case 0:
@@ -126,8 +127,6 @@ private:
     const uint8_t *p_;
     size_t n_;
 };
-
-// --- the register family as the runtime contract describes it --------------
 
 inline const RegisterInfo *findRegister(const QString &name) // 0 outside the family
 {
@@ -174,30 +173,25 @@ inline qint64 unitsNamed(qint64 length) // the driver bounds every range to 6553
     return length <= 0 ? 0 : qMin<qint64>(length, MAX_RANGE_UNITS);
 }
 
-// --- state of the runtime's side -------------------------------------------
+// --- the runtime's side ---------------------------------------------------
 
 enum { RECIPE_BUFFER_WORDS = 32768 };
 
 inline bool readBack = false, inCallback = false, callbackOn = false;
 inline std::function<void()> nested; // run once, from the next report
-
-// Accounting of the outermost call in progress.
-inline int depth = 0;
-inline qint64 allowance = 0, reports = 0;
-
-// Counts intf_initProperty calls: a frame out before one is gone.
-inline int generation = 0;
+inline int depth = 0;                // of calls into the driver
+inline qint64 allowance = 0, reports = 0; // units named and reports made since the outermost call began
+inline int generation = 0; // counts intf_initProperty calls: a frame out before one is gone
 // The batch as the runtime sees it: an end report is owed while Open; Unseen
 // when the callback was off, so that its end may pass unheard.
 enum class Batch { Closed, Open, Unseen };
 inline Batch batch = Batch::Closed;
-// A frame that got a bad reply comes out again unchanged.
-inline bool resendDue = false;
+inline bool resendDue = false; // a frame that got a bad reply comes out again unchanged
 inline FRAME_PRO resendFrame;
 
-// Work per input: units named, each piece a write or condition read is cut
-// into counting 30 (it costs a scan of its queue), so that one input stays
-// well within a second under the sanitizers. A call past it is skipped.
+// Work per input, in units named, each piece a write or condition read is cut
+// into counting 30 (it costs a scan of its queue): one input stays well
+// within a second under the sanitizers. A call past it is skipped.
 inline qint64 spent = 0;
 inline bool spend(qint64 units)
 {
@@ -207,15 +201,15 @@ inline bool spend(qint64 units)
     return true;
 }
 
-// Runs one entry point call and checks around it: afterwards the cache has
-// grown by at most the units the call named (nested calls from the callback
-// add theirs), both job queues are within 513, the callback was called a
-// bounded number of times and the call returned within the time limit.
+// Runs one call into the driver and checks around it: afterwards the cache
+// has grown by at most the units the call named (nested calls from the
+// callback add theirs), both job queues are within 513, the callback was
+// called a bounded number of times and the call returned in time.
 template <class Call>
 int checked(const char *what, qint64 units, Call call)
 {
     static const char *limit = getenv("KQ71_FUZZ_CALL_SECONDS");
-    const int cacheBefore = driver.dataAreas.size();
+    const qint64 cacheBefore = driver.dataAreas.size();
     const auto start = std::chrono::steady_clock::now();
     if (depth++ == 0)
         allowance = reports = 0;
@@ -223,72 +217,76 @@ int checked(const char *what, qint64 units, Call call)
     const int result = call();
     if (--depth > 0)
         return result;
-    const qint64 grown = qint64(driver.dataAreas.size()) - cacheBefore;
-    if (grown > allowance)
-        fail("%s: the cache grew by %lld units, the calls named %lld", what, grown, allowance);
-    if (driver.writeJobs.size() > MAX_QUEUED_JOBS || driver.conditionReads.size() > MAX_QUEUED_JOBS)
-        fail("%s: %d writes and %d condition reads queued", what, driver.writeJobs.size(),
-             driver.conditionReads.size());
-    // Each unit is reported once as a value and at most twice per recipe item
-    // that places it in the recipe buffer, plus the end of a batch.
-    if (reports > (allowance + 2) * (2 * qMax<qint64>(driver.rcpItems.size(), 64) + 1))
-        fail("%s: %lld reports for %lld units", what, reports, allowance);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (seconds > (limit ? atof(limit) : 5.0))
-        fail("%s: the call took %.1f s", what, seconds);
+    FUZZ_CHECK(driver.dataAreas.size() - cacheBefore <= allowance, "%s: the cache grew by %lld units, %lld named",
+               what, driver.dataAreas.size() - cacheBefore, allowance);
+    FUZZ_CHECK(driver.writeJobs.size() <= MAX_QUEUED_JOBS && driver.conditionReads.size() <= MAX_QUEUED_JOBS,
+               "%s: %d writes, %d condition reads", what, driver.writeJobs.size(), driver.conditionReads.size());
+    // Each unit once as a value and at most twice per recipe item that places
+    // it in the recipe buffer, plus the end of a batch.
+    FUZZ_CHECK(reports <= (allowance + 2) * (2 * qMax<qint64>(driver.rcpItems.size(), 64) + 1),
+               "%s: %lld reports for %lld units", what, reports, allowance);
+    FUZZ_CHECK(seconds <= (limit ? atof(limit) : 5.0), "%s took %.1f s", what, seconds);
     return result;
 }
 
 // No queued job carries a bit-in-word name (bits are read and written as the
-// words holding them), and every planned read or recipe block is of 1 to 128
+// words holding them); every planned read and recipe block is of 1 to 128
 // units.
 inline void checkJobs(const char *what)
 {
     for (const QList<VARIABLE> *queue : {&driver.writeJobs, &driver.conditionReads, &driver.cyclicReads})
         for (const VARIABLE &v : *queue)
-            if (bitInWordKind(v.regName) != 0)
-                fail("%s queued a job of %s", what, qPrintable(v.regName));
+            FUZZ_CHECK(bitInWordKind(v.regName) == 0, "%s queued %s", what, qPrintable(v.regName));
     for (const VARIABLE &v : driver.cyclicReads)
-        if (v.length < 1 || v.length > MAX_BLOCK_UNITS)
-            fail("%s planned a read of %d units", what, v.length);
+        FUZZ_CHECK(v.length >= 1 && v.length <= MAX_BLOCK_UNITS, "%s planned %d units", what, v.length);
     for (const _RCP_VAR_PRO &b : driver.rcpBlocks)
-        if (b.length < 1 || b.length > MAX_BLOCK_UNITS)
-            fail("%s planned a recipe block of %d units", what, b.length);
+        FUZZ_CHECK(b.length >= 1 && b.length <= MAX_BLOCK_UNITS, "%s planned %d units", what, b.length);
+}
+
+// A buffer of exactly the contract's size, or none. Units the callback reads
+// back do not count against the work budget.
+inline void getData(int station, QString name, int address, int length, bool withBuffer, bool budgeted = true)
+{
+    const qint64 units = unitsNamed(length);
+    if (budgeted && !spend(units))
+        return;
+    unsigned char *values =
+        withBuffer ? static_cast<unsigned char *>(malloc(size_t(valueBytes(name, length, true)))) : nullptr;
+    const int result =
+        checked("intf_getData", units, [&] { return intf_getData(station, &name, address, length, values); });
+    FUZZ_CHECK(result == (withBuffer && !refusedBits(name, address)), "%d for %s", result, qPrintable(name));
+    // Bits in words read as 0 or 1, for each bit the call names: at most
+    // 65536, none past the last address.
+    const qint64 bits = result == 1 && bitInWordKind(name) > 0 ? qMin(units, qint64(INT_MAX) - address + 1) : 0;
+    for (qint64 i = 0; i < bits; ++i)
+        FUZZ_CHECK(values[i] <= 1, "%d for bit %lld of %s", values[i], i, qPrintable(name));
+    free(values);
 }
 
 // The callback: checks its arguments (a unit of this device, the end of an
 // open batch, or a recipe word inside the recipe buffer), then reads the unit
-// back or runs the nested call when asked.
+// back or makes the nested call when asked.
 inline void valueChanged(int deviceId, int station, const QString &regName, int address)
 {
     ++reports;
     if (deviceId == -1 && station == -1 && regName == QLatin1String("-1")) {
-        if ((address != 0 && address != -1) || batch == Batch::Closed)
-            fail("callback: end (%d) of a condition-read batch that is not open, or ended twice", address);
+        FUZZ_CHECK((address == 0 || address == -1) && batch != Batch::Closed, "batch end %d", address);
         batch = Batch::Closed;
         return;
     }
     if (deviceId == 0 && station == -1 && regName == QLatin1String("RWI")) {
-        if (address < 0 || address >= RECIPE_BUFFER_WORDS)
-            fail("callback: recipe word %d outside the recipe buffer", address);
+        FUZZ_CHECK(address >= 0 && address < RECIPE_BUFFER_WORDS, "recipe word %d", address);
         return;
     }
-    if (deviceId != driver.deviceId)
-        fail("callback: device %d reported (%d, %s, %d), this driver is %d", deviceId, station, qPrintable(regName),
-             address, driver.deviceId);
+    FUZZ_CHECK(deviceId == driver.deviceId && !refusedBits(regName, address), "(%d, %d, %s, %d)", deviceId, station,
+               qPrintable(regName), address);
     if (inCallback)
         return;
     inCallback = true;
-    if (readBack) {
-        const RegisterInfo *r = findRegister(regName);
-        const int length = r && r->width == 32 ? 2 : 1;
-        unsigned char *values = static_cast<unsigned char *>(malloc(size_t(valueBytes(regName, length, true))));
-        QString name = regName;
-        if (checked("intf_getData in the callback", length,
-                    [&] { return intf_getData(station, &name, address, length, values); }) != 1)
-            fail("intf_getData in the callback did not return 1 for %s", qPrintable(regName));
-        free(values);
-    }
+    const RegisterInfo *r = findRegister(regName);
+    if (readBack) // as a runtime does: read the value reported, from inside the report
+        getData(station, regName, address, r && r->width == 32 ? 2 : 1, true, false);
     if (nested) {
         const std::function<void()> call = nested;
         nested = nullptr;
@@ -297,8 +295,7 @@ inline void valueChanged(int deviceId, int station, const QString &regName, int 
     inCallback = false;
 }
 
-// The callback: 0 none, 1 checking its arguments, 2 also reading each
-// reported unit back.
+// 0 none, 1 checking its arguments, 2 also reading each reported unit back.
 inline void setCallback(int mode)
 {
     intf_setAddrValueChangeCallBack(mode ? &valueChanged : nullptr);
@@ -340,17 +337,16 @@ struct Runtime {
         nested = nullptr;
         spent = 0;
     }
-    void init(const char *property) // with 1, status 0 and nothing left behind
+    void init(const char *property)
     {
         int status = -1;
         const int result = checked("intf_initProperty", 0, [&] {
             return intf_initProperty(sharedMem, nullptr, recipeBuf, &status, property, &mutex);
         });
-        if (result != 1 || status != 0)
-            fail("intf_initProperty returned %d with status %d", result, status);
-        if (!driver.cyclicReads.isEmpty() || !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() ||
-            !driver.dataAreas.isEmpty() || !driver.frameQueue.isEmpty())
-            fail("intf_initProperty left jobs or cache behind");
+        FUZZ_CHECK(result == 1 && status == 0, "%d, status %d", result, status);
+        FUZZ_CHECK(driver.cyclicReads.isEmpty() && driver.writeJobs.isEmpty() && driver.conditionReads.isEmpty() &&
+                       driver.dataAreas.isEmpty() && driver.frameQueue.isEmpty(),
+                   "intf_initProperty left jobs or cache behind");
         ++generation;
         batch = Batch::Closed; // the queue is gone, and with it the batch
         resendDue = false;
@@ -381,8 +377,7 @@ inline void watch(QList<KEY_ADDRESS> keys)
     if (!spend(units))
         return;
     const int jobs = checked("intf_addrMerge", units, [&] { return intf_addrMerge(&keys); });
-    if (jobs != driver.cyclicReads.size())
-        fail("intf_addrMerge returned %d for %d cyclic reads", jobs, driver.cyclicReads.size());
+    FUZZ_CHECK(jobs == driver.cyclicReads.size(), "%d for %d cyclic reads", jobs, driver.cyclicReads.size());
     checkJobs("intf_addrMerge");
 }
 
@@ -390,13 +385,12 @@ inline void watch(QList<KEY_ADDRESS> keys)
 inline void condition(KEY_ADDRESS k, int id)
 {
     const qint64 units = unitsNamed(k.length);
+    const int before = driver.conditionReads.size();
     if (!spend(units + 30 * piecesOf(units, false)))
         return;
-    const int before = driver.conditionReads.size();
-    if (checked("intf_addConditionRead", units, [&] { return intf_addConditionRead(&k, id); }) != 1)
-        fail("intf_addConditionRead did not return 1");
-    if (refusedBits(k.regName, k.address) && driver.conditionReads.size() != before)
-        fail("intf_addConditionRead queued a read of the refused %s", qPrintable(k.regName));
+    const int result = checked("intf_addConditionRead", units, [&] { return intf_addConditionRead(&k, id); });
+    FUZZ_CHECK(result == 1 && (!refusedBits(k.regName, k.address) || driver.conditionReads.size() == before),
+               "%d for %s", result, qPrintable(k.regName));
     checkJobs("intf_addConditionRead");
     batch = callbackOn ? Batch::Open : Batch::Unseen;
 }
@@ -412,30 +406,8 @@ inline void recipe(QVector<_RCP_VAR_PRO> items)
     if (!spend(units))
         return;
     const int kept = checked("intf_setRcpAddress", units, [&] { return intf_setRcpAddress(&items); });
-    if (kept != mine)
-        fail("intf_setRcpAddress kept %d of %d items of this device", kept, mine);
+    FUZZ_CHECK(kept == mine, "kept %d of %d items of this device", kept, mine);
     checkJobs("intf_setRcpAddress");
-}
-
-// A buffer of exactly the contract's size, or none.
-inline void getData(int station, QString name, int address, int length, bool withBuffer)
-{
-    const qint64 units = unitsNamed(length);
-    if (!spend(units))
-        return;
-    unsigned char *values =
-        withBuffer ? static_cast<unsigned char *>(malloc(size_t(valueBytes(name, length, true)))) : nullptr;
-    const int result =
-        checked("intf_getData", units, [&] { return intf_getData(station, &name, address, length, values); });
-    if (result != (withBuffer && !refusedBits(name, address)))
-        fail("intf_getData returned %d for %s", result, qPrintable(name));
-    // Bits in words read as 0 or 1, for each bit the call names: at most
-    // 65536, none past the last address.
-    const qint64 bits = result == 1 && bitInWordKind(name) > 0 ? qMin(units, qint64(INT_MAX) - address + 1) : 0;
-    for (qint64 i = 0; i < bits; ++i)
-        if (values[i] > 1)
-            fail("intf_getData gave %d for bit %lld of %s", values[i], i, qPrintable(name));
-    free(values);
 }
 
 inline void setData(int station, QString name, int address, int length, const QByteArray &bytes, bool withBuffer,
@@ -451,8 +423,8 @@ inline void setData(int station, QString name, int address, int length, const QB
         memcpy(values, bytes.constData(), size_t(bytes.size()));
     const int result =
         checked("intf_setData", units, [&] { return intf_setData(station, &name, address, length, values, id); });
-    if (result != (refusedBits(name, address) ? 0 : withBuffer || length <= 0))
-        fail("intf_setData returned %d for %s", result, qPrintable(name));
+    FUZZ_CHECK(result == (refusedBits(name, address) ? 0 : withBuffer || length <= 0), "%d for %s", result,
+               qPrintable(name));
     checkJobs("intf_setData");
     free(values);
 }
@@ -460,20 +432,14 @@ inline void setData(int station, QString name, int address, int length, const QB
 // --- frames and replies ---------------------------------------------------
 
 // The tests' own CRC, independent of the driver's.
-inline unsigned crc16(const unsigned char *bytes, long long count)
-{
-    unsigned crc = 0xFFFF;
-    for (long long i = 0; i < count; ++i) {
-        crc ^= bytes[i];
-        for (int b = 0; b < 8; ++b)
-            crc = (crc & 1) ? (crc >> 1) ^ 0xA001 : crc >> 1;
-    }
-    return crc;
-}
-
 inline QByteArray withCrc(QByteArray b)
 {
-    const unsigned crc = crc16(reinterpret_cast<const unsigned char *>(b.constData()), b.size());
+    unsigned crc = 0xFFFF;
+    for (const char c : b) {
+        crc ^= uchar(c);
+        for (int i = 0; i < 8; ++i)
+            crc = (crc & 1) ? (crc >> 1) ^ 0xA001 : crc >> 1;
+    }
     return b.append(char(crc & 0xFF)).append(char(crc >> 8));
 }
 
@@ -483,41 +449,36 @@ inline QByteArray withCrc(QByteArray b)
 inline bool nextFrame(FRAME_PRO &f)
 {
     const int result = checked("intf_getSendFrame", 0, [&] { return intf_getSendFrame(&f); });
-    if (result != 0 && result != 1)
-        fail("intf_getSendFrame returned %d", result);
-    if (resendDue && (result != 1 || f.sendLen != resendFrame.sendLen || f.recvLen != resendFrame.recvLen ||
-                      f.itemCount != resendFrame.itemCount || memcmp(f.frame, resendFrame.frame, f.sendLen) != 0))
-        fail("the frame that got a bad reply was not handed out again");
+    FUZZ_CHECK(result == 0 || result == 1, "%d", result);
+    FUZZ_CHECK(!resendDue || (result == 1 && f.sendLen == resendFrame.sendLen && f.recvLen == resendFrame.recvLen &&
+                              f.itemCount == resendFrame.itemCount &&
+                              memcmp(f.frame, resendFrame.frame, f.sendLen) == 0),
+               "the frame that got a bad reply was not handed out again");
     resendDue = false;
     if (result == 0)
         return false;
-    if (f.sendLen < 0 || f.sendLen > KQ71_FRAME_BYTES || f.recvLen < 0 || f.reserved != 0)
-        fail("frame: sendLen %d, recvLen %d, reserved %d", f.sendLen, f.recvLen, f.reserved);
-    if (f.sendLen == 0) { // the handshake: nothing to send, nothing awaited
-        if (f.recvLen != 0)
-            fail("frame: empty request awaits %d bytes", f.recvLen);
+    FUZZ_CHECK(f.sendLen >= 0 && f.sendLen <= KQ71_FRAME_BYTES && f.recvLen >= 0 && f.reserved == 0,
+               "sendLen %d, recvLen %d", f.sendLen, f.recvLen);
+    FUZZ_CHECK(f.sendLen > 0 || f.recvLen == 0, "the handshake awaits %d bytes", f.recvLen);
+    if (f.sendLen == 0) // the handshake: nothing to send, nothing awaited
         return true;
-    }
     const unsigned char *q = f.frame;
     const int function = q[1], count = q[4] << 8 | q[5];
     const bool read = function == 0x01 || function == 0x03, multiple = function == 0x0F || function == 0x10;
-    if (!read && !multiple && function != 0x05 && function != 0x06)
-        fail("frame: function %02X, sendLen %d", function, f.sendLen);
     const int dataBytes = function == 0x01 || function == 0x0F ? (count + 7) / 8 : 2 * count;
-    const int request = multiple ? 9 + dataBytes : 8, reply = read ? 5 + dataBytes : 8;
-    if (multiple && q[6] != (dataBytes & 0xFF))
-        fail("frame: function %02X of %d units says %d bytes", function, count, q[6]);
-    if (function == 0x05 && !((q[4] == 0xFF || q[4] == 0) && q[5] == 0))
-        fail("frame: bit value %02X %02X", q[4], q[5]);
-    if (f.sendLen != request || f.recvLen != reply)
-        fail("frame: function %02X count %d: sendLen %d and recvLen %d, its bytes imply %d and %d", function, count,
-             f.sendLen, f.recvLen, request, reply);
-    const unsigned crc = crc16(q, f.sendLen - 2);
-    if (q[f.sendLen - 2] != (crc & 0xFF) || q[f.sendLen - 1] != (crc >> 8) || q[0] != (f.var.station & 0xFF))
-        fail("frame: function %02X: wrong CRC or station byte %d for station %d", function, q[0], f.var.station);
-    if (read ? (f.dataPos != 3 || f.itemCount != f.var.length || f.itemCount < 1) : (f.dataPos != 0 || f.itemCount != 0))
-        fail("frame: function %02X with dataPos %d, itemCount %d, job length %d", function, f.dataPos, f.itemCount,
-             f.var.length);
+    FUZZ_CHECK(read || multiple || function == 0x05 || function == 0x06, "function %02X", function);
+    FUZZ_CHECK(!multiple || q[6] == (dataBytes & 0xFF), "function %02X of %d units: %d bytes", function, count, q[6]);
+    FUZZ_CHECK(function != 0x05 || ((q[4] == 0xFF || q[4] == 0) && q[5] == 0), "bit value %02X %02X", q[4], q[5]);
+    FUZZ_CHECK(f.sendLen == (multiple ? 9 + dataBytes : 8) && f.recvLen == (read ? 5 + dataBytes : 8),
+               "function %02X of %d units: sendLen %d, recvLen %d", function, count, f.sendLen, f.recvLen);
+    FUZZ_CHECK(withCrc(QByteArray(reinterpret_cast<const char *>(q), f.sendLen - 2)) ==
+                       QByteArray(reinterpret_cast<const char *>(q), f.sendLen) &&
+                   q[0] == (f.var.station & 0xFF),
+               "function %02X: CRC, or station byte %d for station %d", function, q[0], f.var.station);
+    FUZZ_CHECK(read ? (f.dataPos == 3 && f.itemCount == f.var.length && f.itemCount >= 1)
+                    : (f.dataPos == 0 && f.itemCount == 0),
+               "function %02X: dataPos %d, itemCount %d, job length %d", function, f.dataPos, f.itemCount,
+               f.var.length);
     return true;
 }
 
@@ -538,9 +499,9 @@ inline QByteArray goodReply(Input &in, const FRAME_PRO &f)
 // driver must take it.
 inline QByteArray makeReply(Input &in, const FRAME_PRO *f, bool &wellFormed)
 {
-    wellFormed = false;
     const uint8_t kind = in.byte();
     const bool request = f && f->sendLen >= 8;
+    wellFormed = kind % 4 == 1 && request && ((kind >> 2) % 4 == 0 || (kind >> 2) % 4 == 3);
     if (kind % 4 == 0) // any bytes, from nothing to more than a frame holds
         return in.bytes(in.u16() % 1100);
     if (kind % 4 == 1 && !request)
@@ -554,7 +515,6 @@ inline QByteArray makeReply(Input &in, const FRAME_PRO *f, bool &wellFormed)
             const int delta = in.below(9) - 4;
             reply = delta < 0 ? reply.left(reply.size() + delta) : reply + in.bytes(delta == 0 ? 1 : delta);
         }
-        wellFormed = (kind >> 2) % 4 == 0 || (kind >> 2) % 4 == 3;
         return reply;
     }
     if (kind % 4 == 2) { // an exception reply
@@ -569,7 +529,7 @@ inline QByteArray makeReply(Input &in, const FRAME_PRO *f, bool &wellFormed)
 
 // intf_dealRcvFrame with argument shapes from the input (no reply, no text, a
 // text filled beforehand). Its result is 1 exactly when the reply answers the
-// frame that is out, its error text names that frame's job.
+// frame that is out, and its error text names that frame's job.
 inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wellFormed)
 {
     const uint8_t shape = in.byte() % 8;
@@ -583,23 +543,20 @@ inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wel
     // station and for the function asked; a read reply with its byte count
     // (modulo 256) and not the request echoed. Nothing else is decoded.
     const QByteArray seen = noReply ? QByteArray() : bytes;
-    const unsigned char *s = reinterpret_cast<const unsigned char *>(seen.constData());
     const int n = seen.size();
-    const bool readJob = head.frame[1] == 0x01 || head.frame[1] == 0x03;
-    const bool good = pending && n == head.recvLen && n >= 5 &&
-                      crc16(s, n - 2) == (s[n - 2] | unsigned(s[n - 1]) << 8) && s[0] == head.frame[0] &&
-                      s[1] == head.frame[1] &&
-                      (!readJob || (s[2] == ((n - 5) & 0xFF) && !(head.sendLen == n && memcmp(s, head.frame, n) == 0)));
+    const unsigned char *s = reinterpret_cast<const unsigned char *>(seen.constData());
+    const bool good = pending && n == head.recvLen && n >= 5 && withCrc(seen.left(n - 2)) == seen &&
+                      s[0] == head.frame[0] && s[1] == head.frame[1] &&
+                      ((head.frame[1] != 0x01 && head.frame[1] != 0x03) ||
+                       (s[2] == ((n - 5) & 0xFF) &&
+                        seen != QByteArray::fromRawData(reinterpret_cast<const char *>(head.frame), head.sendLen)));
     const int result = checked("intf_dealRcvFrame", pending ? unitsNamed(job.length) : 0,
                                [&] { return intf_dealRcvFrame(noReply ? nullptr : &reply, noText ? nullptr : &text); });
-    if (!pending) {
-        if (result != 0 || (!noText && !text.isEmpty()))
-            fail("intf_dealRcvFrame without a frame: %d, text \"%s\"", result, qPrintable(text));
+    FUZZ_CHECK(pending || (result == 0 && (noText || text.isEmpty())), "%d, \"%s\"", result, qPrintable(text));
+    if (!pending)
         return result;
-    }
-    if ((result != 1 && result != 2 && result != 8) || (result == 1) != good || (wellFormed && !noReply && !good))
-        fail("a reply of %d bytes to function %02X awaiting %d bytes (well-formed: %d) was rated %d", n,
-             head.frame[1], head.recvLen, wellFormed, result);
+    FUZZ_CHECK((result == 1 || result == 2 || result == 8) && (result == 1) == good && (good || !wellFormed || noReply),
+               "%d for a reply of %d bytes to function %02X awaiting %d", result, n, head.frame[1], head.recvLen);
     // A Z job at an odd address is named as the V register it shares the cell
     // with; negative Z addresses have no naming worth pinning.
     QString place = job.regName + QString::number(job.address);
@@ -610,8 +567,8 @@ inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wel
                        QString::number(job.length) + QLatin1Char(')');
     if (n == 5 && s[1] > 0x80)
         expected += QLatin1String(",error code:") + QString::number(s[1] - 0x80);
-    if (!noText && text != expected && !(job.regName == QLatin1String("Z") && job.address < 0))
-        fail("error text \"%s\", expected \"%s\"", qPrintable(text), qPrintable(expected));
+    FUZZ_CHECK(noText || text == expected || (job.regName == QLatin1String("Z") && job.address < 0),
+               "error text \"%s\", expected \"%s\"", qPrintable(text), qPrintable(expected));
     resendDue = result == 8 && f;
     if (resendDue)
         resendFrame = *f;
@@ -624,26 +581,22 @@ inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wel
 // to take turns with may pause, once.
 inline void drain(Input &in, qint64 bound, const Runtime *runtime)
 {
-    const auto busy = [runtime] {
+    const auto flag = [runtime](int offset) { return runtime ? runtime->sharedMem[offset] : 0; };
+    const auto busy = [&] {
         return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || batch == Batch::Open ||
-               (runtime && (runtime->sharedMem[KQ71_RECIPE_WRITE_FLAG] || runtime->sharedMem[KQ71_RECIPE_READ_FLAG]));
+               flag(KQ71_RECIPE_WRITE_FLAG) || flag(KQ71_RECIPE_READ_FLAG);
     };
-    int idle = 0;
-    for (qint64 i = 0; i < bound && busy(); ++i) {
+    for (qint64 i = 0, idle = 0; i < bound && busy(); ++i) {
         FRAME_PRO f;
-        if (!nextFrame(f)) {
-            if (++idle > 1 || !driver.cyclicReads.isEmpty())
-                break;
-            continue;
+        if (nextFrame(f)) {
+            idle = 0;
+            deal(in, goodReply(in, f), &f, true);
+        } else if (++idle > 1 || !driver.cyclicReads.isEmpty()) {
+            break;
         }
-        idle = 0;
-        deal(in, goodReply(in, f), &f, true);
     }
-    if (busy())
-        fail("answered well, the exchange left %d writes, %d condition reads, batch %d and recipe flags %d/%d",
-             driver.writeJobs.size(), driver.conditionReads.size(), int(batch),
-             runtime ? runtime->sharedMem[KQ71_RECIPE_WRITE_FLAG] : 0,
-             runtime ? runtime->sharedMem[KQ71_RECIPE_READ_FLAG] : 0);
+    FUZZ_CHECK(!busy(), "%d writes, %d condition reads, batch %d, recipe flags %d/%d left", driver.writeJobs.size(),
+               driver.conditionReads.size(), int(batch), flag(KQ71_RECIPE_WRITE_FLAG), flag(KQ71_RECIPE_READ_FLAG));
 }
 
 } // namespace kq71fuzz

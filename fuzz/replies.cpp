@@ -111,8 +111,8 @@ int runRepliesInput(const uint8_t *data, size_t size)
     static const int states[] = {CYCLE_CYCLIC, CYCLE_WRITE, CYCLE_CONDITION, CYCLE_RECIPE_WRITE, CYCLE_RECIPE_READ};
     FRAME_PRO f;
     const bool expected = current < 2 || (current == 2 ? !driver.conditionReads.isEmpty() : !driver.rcpBlocks.isEmpty());
-    if (nextFrame(f) != expected || (expected && driver.cycleState != states[current]))
-        fail("job %d was not made current (state %d)", current, driver.cycleState);
+    FUZZ_CHECK(nextFrame(f) == expected && (!expected || driver.cycleState == states[current]), "job %d, state %d",
+               current, driver.cycleState);
     // Then the rest, queued while that frame is out.
     for (int i = 0; i < 4; ++i)
         if (i != first)
