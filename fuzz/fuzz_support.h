@@ -1,9 +1,6 @@
 // What the fuzz targets share: a reader that turns input bytes into call
 // arguments, the runtime's buffers in exactly the sizes the runtime contract
 // promises, and the entry points called with their invariants checked.
-//
-// An invariant that does not hold ends the process, so that libFuzzer keeps
-// the input as a crash and a replay stops at the first fault.
 #ifndef KQ71_FUZZ_SUPPORT_H
 #define KQ71_FUZZ_SUPPORT_H
 
@@ -16,7 +13,6 @@
 
 #include <chrono>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,22 +24,21 @@ int runRepliesInput(const uint8_t *data, size_t size);
 int runCallsInput(const uint8_t *data, size_t size);
 int runEditorInput(const uint8_t *data, size_t size);
 
-// The message (printf arguments) is only built when the invariant is broken.
-#define FUZZ_CHECK(invariant, ...) ((invariant) ? void(0) : kq71fuzz::fail(#invariant, __VA_ARGS__))
+// Ends the process, naming the invariant, its message (printf arguments,
+// only built then) and the input, so that libFuzzer keeps the input as a
+// crash and a replay stops at the first fault.
+#define FUZZ_CHECK(invariant, ...)                                                                                     \
+    ((invariant) ? void(0)                                                                                             \
+                 : (fprintf(stderr, "kq71 fuzz: invariant broken: %s: ", #invariant), fprintf(stderr, __VA_ARGS__),   \
+                    kq71fuzz::fail()))
 
 namespace kq71fuzz {
 
 inline const char *inputName = nullptr; // set by the replay
 
-[[noreturn, gnu::format(printf, 2, 3)]] inline void fail(const char *invariant, const char *format, ...)
+[[noreturn]] inline void fail()
 {
-    fprintf(stderr, "kq71 fuzz: invariant broken: %s: ", invariant);
-    va_list args;
-    va_start(args, format);
-    vfprintf(stderr, format, args);
-    va_end(args);
     fprintf(stderr, "\nkq71 fuzz: input %s\n", inputName ? inputName : "as libFuzzer keeps it");
-    fflush(stderr);
     abort();
 }
 
@@ -557,18 +552,11 @@ inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wel
         return result;
     FUZZ_CHECK((result == 1 || result == 2 || result == 8) && (result == 1) == good && (good || !wellFormed || noReply),
                "%d for a reply of %d bytes to function %02X awaiting %d", result, n, head.frame[1], head.recvLen);
-    // A Z job at an odd address is named as the V register it shares the cell
-    // with; negative Z addresses have no naming worth pinning.
-    QString place = job.regName + QString::number(job.address);
-    if (job.regName == QLatin1String("Z"))
-        place = job.address % 2 == 1 ? QLatin1Char('V') + QString::number((job.address - 1) / 2)
-                                     : QLatin1Char('Z') + QString::number(job.address / 2);
-    QString expected = QString::number(job.station) + QLatin1Char('#') + place + QLatin1Char('(') +
-                       QString::number(job.length) + QLatin1Char(')');
-    if (n == 5 && s[1] > 0x80)
-        expected += QLatin1String(",error code:") + QString::number(s[1] - 0x80);
-    FUZZ_CHECK(noText || text == expected || (job.regName == QLatin1String("Z") && job.address < 0),
-               "error text \"%s\", expected \"%s\"", qPrintable(text), qPrintable(expected));
+    // The error text names the job that was out; its form is pinned by the unit tests.
+    const QString station = QString::number(job.station) + QLatin1Char('#'), length = QString::number(job.length);
+    FUZZ_CHECK(noText || (text.startsWith(station) && text.contains(QLatin1Char('(') + length + QLatin1Char(')'))),
+               "error text \"%s\" for %s%s(%s)", qPrintable(text), qPrintable(station), qPrintable(job.regName),
+               qPrintable(length));
     resendDue = result == 8 && f;
     if (resendDue)
         resendFrame = *f;
