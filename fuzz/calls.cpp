@@ -37,7 +37,6 @@ struct Program {
     Runtime runtime;
     FRAME_PRO frame; // handed out last
     bool haveFrame = false;
-    int frameGeneration = 0;
 
     Program(const uint8_t *data, size_t size) : in(data, size) {}
 
@@ -139,21 +138,16 @@ struct Program {
         }
     }
 
-    void send()
-    {
-        haveFrame = nextFrame(frame);
-        frameGeneration = generation;
-    }
-
     void step()
     {
         const int op = in.byte() % 13;
         if (op < 4 || op == 6 || op == 7)
             return call(op, false)();
         if (op == 4) {
-            send();
+            haveFrame = nextFrame(frame);
         } else if (op == 5) {
-            const FRAME_PRO *out = haveFrame && frameGeneration == generation ? &frame : nullptr;
+            // A frame handed out before the last intf_initProperty is gone; replies to it must find nothing out.
+            const FRAME_PRO *out = haveFrame ? &frame : nullptr;
             bool wellFormed = false;
             const QByteArray bytes = makeReply(in, out, wellFormed);
             // A frame that is answered is done unless it is to be sent again.
@@ -166,7 +160,7 @@ struct Program {
             runtime.setRecipeFlags(write, values[in.below(5)]);
         } else if (op == 10) {
             for (int n = 1 + in.below(16); n > 0; --n) {
-                send();
+                haveFrame = nextFrame(frame);
                 if (!haveFrame || !spend(unitsNamed(frame.var.length)))
                     return;
                 deal(in, goodReply(in, frame), &frame, true);

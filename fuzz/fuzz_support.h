@@ -176,7 +176,6 @@ inline bool readBack = false, inCallback = false, callbackOn = false;
 inline std::function<void()> nested; // run once, from the next report
 inline int depth = 0;                // of calls into the driver
 inline qint64 allowance = 0, reports = 0; // units named and reports made since the outermost call began
-inline int generation = 0; // counts intf_initProperty calls: a frame out before one is gone
 // The batch as the runtime sees it: an end report is owed while Open; Unseen
 // when the callback was off, so that its end may pass unheard.
 enum class Batch { Closed, Open, Unseen };
@@ -213,14 +212,12 @@ int checked(const char *what, qint64 units, Call call)
     if (--depth > 0)
         return result;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    FUZZ_CHECK(driver.dataAreas.size() - cacheBefore <= allowance, "%s: the cache grew by %lld units, %lld named",
-               what, driver.dataAreas.size() - cacheBefore, allowance);
+    FUZZ_CHECK(driver.dataAreas.size() - cacheBefore <= allowance, "%s: %lld units named", what, allowance);
     FUZZ_CHECK(driver.writeJobs.size() <= MAX_QUEUED_JOBS && driver.conditionReads.size() <= MAX_QUEUED_JOBS,
                "%s: %d writes, %d condition reads", what, driver.writeJobs.size(), driver.conditionReads.size());
     // Each unit once as a value and at most twice per recipe item that places
     // it in the recipe buffer, plus the end of a batch.
-    FUZZ_CHECK(reports <= (allowance + 2) * (2 * qMax<qint64>(driver.rcpItems.size(), 64) + 1),
-               "%s: %lld reports for %lld units", what, reports, allowance);
+    FUZZ_CHECK(reports <= (allowance + 2) * (2 * qMax<qint64>(driver.rcpItems.size(), 64) + 1), "%s", what);
     FUZZ_CHECK(seconds <= (limit ? atof(limit) : 5.0), "%s took %.1f s", what, seconds);
     return result;
 }
@@ -274,7 +271,7 @@ inline void valueChanged(int deviceId, int station, const QString &regName, int 
         FUZZ_CHECK(address >= 0 && address < RECIPE_BUFFER_WORDS, "recipe word %d", address);
         return;
     }
-    FUZZ_CHECK(deviceId == driver.deviceId && !refusedBits(regName, address), "(%d, %d, %s, %d)", deviceId, station,
+    FUZZ_CHECK(deviceId == driver.deviceId && !refusedBits(regName, address), "%d#%s%d", station,
                qPrintable(regName), address);
     if (inCallback)
         return;
@@ -326,7 +323,6 @@ struct Runtime {
             ServiceLock lock;
             driver.resetAll();
         }
-        ++generation;
         batch = Batch::Closed;
         callbackOn = readBack = resendDue = false;
         nested = nullptr;
@@ -338,11 +334,9 @@ struct Runtime {
         const int result = checked("intf_initProperty", 0, [&] {
             return intf_initProperty(sharedMem, nullptr, recipeBuf, &status, property, &mutex);
         });
-        FUZZ_CHECK(result == 1 && status == 0, "%d, status %d", result, status);
-        FUZZ_CHECK(driver.cyclicReads.isEmpty() && driver.writeJobs.isEmpty() && driver.conditionReads.isEmpty() &&
-                       driver.dataAreas.isEmpty() && driver.frameQueue.isEmpty(),
-                   "intf_initProperty left jobs or cache behind");
-        ++generation;
+        FUZZ_CHECK(result == 1 && status == 0 && driver.cyclicReads.isEmpty() && driver.writeJobs.isEmpty() &&
+                       driver.conditionReads.isEmpty() && driver.dataAreas.isEmpty() && driver.frameQueue.isEmpty(),
+                   "%d, status %d", result, status);
         batch = Batch::Closed; // the queue is gone, and with it the batch
         resendDue = false;
     }
@@ -384,8 +378,8 @@ inline void condition(KEY_ADDRESS k, int id)
     if (!spend(units + 30 * piecesOf(units, false)))
         return;
     const int result = checked("intf_addConditionRead", units, [&] { return intf_addConditionRead(&k, id); });
-    FUZZ_CHECK(result == 1 && (!refusedBits(k.regName, k.address) || driver.conditionReads.size() == before),
-               "%d for %s", result, qPrintable(k.regName));
+    FUZZ_CHECK(result == 1 && (!refusedBits(k.regName, k.address) || driver.conditionReads.size() == before), "%s",
+               qPrintable(k.regName));
     checkJobs("intf_addConditionRead");
     batch = callbackOn ? Batch::Open : Batch::Unseen;
 }
@@ -418,8 +412,7 @@ inline void setData(int station, QString name, int address, int length, const QB
         memcpy(values, bytes.constData(), size_t(bytes.size()));
     const int result =
         checked("intf_setData", units, [&] { return intf_setData(station, &name, address, length, values, id); });
-    FUZZ_CHECK(result == (refusedBits(name, address) ? 0 : withBuffer || length <= 0), "%d for %s", result,
-               qPrintable(name));
+    FUZZ_CHECK(result == (refusedBits(name, address) ? 0 : withBuffer || length <= 0), "%s", qPrintable(name));
     checkJobs("intf_setData");
     free(values);
 }
@@ -452,10 +445,11 @@ inline bool nextFrame(FRAME_PRO &f)
     resendDue = false;
     if (result == 0)
         return false;
-    FUZZ_CHECK(f.sendLen >= 0 && f.sendLen <= KQ71_FRAME_BYTES && f.recvLen >= 0 && f.reserved == 0,
+    // The handshake sends nothing and awaits nothing.
+    FUZZ_CHECK(f.sendLen >= 0 && f.sendLen <= KQ71_FRAME_BYTES && f.recvLen >= 0 && (f.sendLen > 0 || f.recvLen == 0) &&
+                   f.reserved == 0,
                "sendLen %d, recvLen %d", f.sendLen, f.recvLen);
-    FUZZ_CHECK(f.sendLen > 0 || f.recvLen == 0, "the handshake awaits %d bytes", f.recvLen);
-    if (f.sendLen == 0) // the handshake: nothing to send, nothing awaited
+    if (f.sendLen == 0)
         return true;
     const unsigned char *q = f.frame;
     const int function = q[1], count = q[4] << 8 | q[5];
@@ -466,14 +460,12 @@ inline bool nextFrame(FRAME_PRO &f)
     FUZZ_CHECK(function != 0x05 || ((q[4] == 0xFF || q[4] == 0) && q[5] == 0), "bit value %02X %02X", q[4], q[5]);
     FUZZ_CHECK(f.sendLen == (multiple ? 9 + dataBytes : 8) && f.recvLen == (read ? 5 + dataBytes : 8),
                "function %02X of %d units: sendLen %d, recvLen %d", function, count, f.sendLen, f.recvLen);
-    FUZZ_CHECK(withCrc(QByteArray(reinterpret_cast<const char *>(q), f.sendLen - 2)) ==
-                       QByteArray(reinterpret_cast<const char *>(q), f.sendLen) &&
-                   q[0] == (f.var.station & 0xFF),
-               "function %02X: CRC, or station byte %d for station %d", function, q[0], f.var.station);
+    const QByteArray bytes(reinterpret_cast<const char *>(q), f.sendLen);
+    FUZZ_CHECK(withCrc(bytes.left(f.sendLen - 2)) == bytes && q[0] == (f.var.station & 0xFF), "station %d",
+               f.var.station);
     FUZZ_CHECK(read ? (f.dataPos == 3 && f.itemCount == f.var.length && f.itemCount >= 1)
                     : (f.dataPos == 0 && f.itemCount == 0),
-               "function %02X: dataPos %d, itemCount %d, job length %d", function, f.dataPos, f.itemCount,
-               f.var.length);
+               "function %02X: dataPos %d, itemCount %d, length %d", function, f.dataPos, f.itemCount, f.var.length);
     return true;
 }
 
@@ -555,8 +547,7 @@ inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wel
     // The error text names the job that was out; its form is pinned by the unit tests.
     const QString station = QString::number(job.station) + QLatin1Char('#'), length = QString::number(job.length);
     FUZZ_CHECK(noText || (text.startsWith(station) && text.contains(QLatin1Char('(') + length + QLatin1Char(')'))),
-               "error text \"%s\" for %s%s(%s)", qPrintable(text), qPrintable(station), qPrintable(job.regName),
-               qPrintable(length));
+               "\"%s\"", qPrintable(text));
     resendDue = result == 8 && f;
     if (resendDue)
         resendFrame = *f;
