@@ -1,8 +1,5 @@
 // libFuzzer's entry into one target; KQ71_FUZZ_BODY names its body.
-#include <cstddef>
-#include <cstdint>
-
-int KQ71_FUZZ_BODY(const uint8_t *data, size_t size);
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
