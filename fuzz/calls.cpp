@@ -69,12 +69,11 @@ struct Program {
         QByteArray text;
         for (int i = 0; i < 5 && mode == 0; ++i)
             text += (i ? "#" : "") + QByteArray::number(in.number());
-        if (mode == 1) {
+        if (mode == 1) { // device, cache only, retries and merge gap of use
             static const int gaps[] = {0, 1, 2, 10, 64, 128, 507, 4096, 2147483647};
-            text += QByteArray::number(in.below(4)) + "#";
-            text += QByteArray::number(in.below(2)) + "#0#";
-            text += QByteArray::number(in.below(5)) + "#";
-            text += QByteArray::number(gaps[in.below(9)]);
+            const int device = in.below(4), cacheOnly = in.below(2), retries = in.below(5), gap = gaps[in.below(9)];
+            text = QByteArray::number(device) + "#" + QByteArray::number(cacheOnly) + "#0#" +
+                   QByteArray::number(retries) + "#" + QByteArray::number(gap);
         }
         return mode == 2 ? in.text().toLatin1() : text; // any shape; a NUL ends it early
     }
