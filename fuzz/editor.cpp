@@ -13,122 +13,57 @@
 // and result, the five-item description. Editor calls leave the driver's
 // cache and jobs alone. At most 64 calls and 70000 series entries per input.
 #include "fuzz_support.h"
-#include "fuzz_targets.h"
-
-#include "driver_internals.h"
-
-#include <QtCore/QList>
-#include <QtCore/QVector>
 
 using namespace kq71fuzz;
 
 namespace {
 
-std::string latin(const QString &s)
-{
-    const QByteArray b = s.toLocal8Bit();
-    return std::string(b.constData(), size_t(b.size()));
-}
-
-// The address text as a number in the register's radix, or false.
-bool parse(const QString &text, const RegisterInfo &r, int &value)
-{
-    bool ok = false;
-    value = text.toInt(&ok, r.radix);
-    return ok;
-}
-
-// The checks both entry points share: text, then range. Code 0, 2 or 4.
-int expectedRange(const RegisterInfo &r, const QString &text, int count, bool bitObject, int &address)
-{
-    if (!parse(text, r, address)) {
-        address = 0;
-        return 4;
-    }
-    if (address < r.lowest)
-        return 2;
-    // count is in bits for a bit object, else in 16-bit words (two per
-    // 32-bit address); an object ending past the highest address is refused.
-    const double perAddress = bitObject ? 1.0 : r.width / 16.0;
-    return double(address) + double(count) / perAddress > double(r.highest) + 1.0 ? 2 : 0;
-}
-
-void checkAddressResult(const char *what, const QString &name, const QString &text, int count, int result,
-                        int expected, int address, int expectedAddress)
-{
-    if (result != expected || address != expectedAddress)
-        fail("%s(\"%s\", \"%s\"): %d with address %d, expected %d with address %d", what, latin(name).c_str(),
-             latin(text).c_str(), result, address, expected, expectedAddress);
-    // An object of no units passes the end test wherever it starts.
-    if (result == 0 && count >= 1) {
-        const RegisterInfo *r = findRegister(name);
-        if (!r || address < r->lowest || address > r->highest)
-            fail("%s(\"%s\", \"%s\"): valid address %d outside the register", what, latin(name).c_str(),
-                 latin(text).c_str(), address);
-    }
-}
-
-void checkAddr(Input &in)
+// Result codes: 3 no such register (or an argument missing), 1 bits asked of
+// a word register or the other way round, 5 a data type a 32-bit register
+// cannot hold, 4 an address text that does not parse in the register's
+// radix (leaving 0), 2 an address below the register or an object ending
+// past its last address, 0 valid.
+void checkAddress(Input &in, bool validity)
 {
     QString name = in.regName();
     QString text = in.text();
     const int initial = in.number();
-    const int dataType = in.number(), count = in.number(), access = in.number();
+    const int dataType = validity ? 0 : in.number();
+    const int count = in.number();
+    const int flag = in.number(); // access, or the word flag
     const uint8_t missing = in.byte() % 16;
     int address = initial;
-    const int result = intf_checkAddr(missing == 1 ? 0 : &name, missing == 2 ? 0 : &text,
-                                      missing == 3 ? 0 : &address, dataType, count, access);
+    QString *n = missing == 1 ? 0 : &name, *t = missing == 2 ? 0 : &text;
+    int *a = missing == 3 ? 0 : &address;
+    const int result = validity ? intf_checkAddrValidity(n, t, a, count, flag)
+                                : intf_checkAddr(n, t, a, dataType, count, flag);
 
     const RegisterInfo *r = findRegister(name);
-    int expectedAddress = initial;
-    int expected;
-    if (missing >= 1 && missing <= 3)
-        expected = 3;
-    else if (!r)
-        expected = 3;
-    else if ((r->width == 1) != (dataType == -1))
-        expected = 1;
-    else if (r->width == 32 && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 && dataType != 9)
-        expected = 5;
-    else
-        expected = expectedRange(*r, text, count, dataType == -1, expectedAddress);
-    checkAddressResult("intf_checkAddr", name, text, count, result, expected, address, expectedAddress);
+    const bool bits = validity ? flag == 0 : dataType == -1;
+    int expected = 3, expectedAddress = initial;
+    if (r && (missing < 1 || missing > 3)) {
+        bool parsed = false;
+        const int value = text.toInt(&parsed, r->radix); // 0 when it does not parse
+        // count is in bits for a bit object, else in 16-bit words (two per
+        // 32-bit address).
+        const bool outside =
+            value < r->lowest || double(value) + double(count) / (bits ? 1.0 : r->width / 16.0) > r->highest + 1.0;
+        const bool typeFits = validity || r->width != 32 || dataType == 1 || dataType == 3 || dataType == 5 ||
+                              dataType == 6 || dataType == 9;
+        expected = (r->width == 1) != bits ? 1 : !typeFits ? 5 : !parsed ? 4 : outside ? 2 : 0;
+        if (expected != 1 && expected != 5)
+            expectedAddress = value;
+    }
+    FUZZ_CHECK(result == expected && address == expectedAddress,
+               "%s(\"%s\", \"%s\", count %d): %d with address %d, expected %d with address %d",
+               validity ? "intf_checkAddrValidity" : "intf_checkAddr", qPrintable(name), qPrintable(text), count, result,
+               address, expected, expectedAddress);
 }
 
-void checkAddrValidity(Input &in)
-{
-    QString name = in.regName();
-    QString text = in.text();
-    const int initial = in.number();
-    const int count = in.number(), wordFlag = in.number();
-    const uint8_t missing = in.byte() % 16;
-    int address = initial;
-    const int result = intf_checkAddrValidity(missing == 1 ? 0 : &name, missing == 2 ? 0 : &text,
-                                              missing == 3 ? 0 : &address, count, wordFlag);
-
-    const RegisterInfo *r = findRegister(name);
-    int expectedAddress = initial;
-    int expected;
-    if ((missing >= 1 && missing <= 3) || !r)
-        expected = 3;
-    else if ((r->width == 1) != (wordFlag == 0))
-        expected = 1;
-    else
-        expected = expectedRange(*r, text, count, wordFlag == 0, expectedAddress);
-    checkAddressResult("intf_checkAddrValidity", name, text, count, result, expected, address, expectedAddress);
-}
-
-// Addresses an interval apart; -1 and -2 are a word's and a double word's
-// worth of the register's units, other intervals below 1 count as 1.
-qint64 step(const RegisterInfo &r, int interval)
-{
-    if (interval == -1)
-        return r.width == 1 ? 16 : 1;
-    if (interval == -2)
-        return r.width == 1 ? 32 : r.width == 16 ? 2 : 1;
-    return interval < 1 ? 1 : interval;
-}
-
+// Entries min(start + i * interval, highest) as numbers and as texts in the
+// register's radix; intervals -1 and -2 are a word's and a double word's
+// worth of the register's units, others below 1 count as 1. Lists are
+// appended to: what they held stays.
 void multiCopy(Input &in, qint64 &entries)
 {
     QString name = in.regName();
@@ -137,7 +72,6 @@ void multiCopy(Input &in, qint64 &entries)
     if (entries + n > 70000)
         return;
     entries += n;
-    // Lists are appended to: what they held stays.
     QVector<QString> texts(in.below(3), QString::fromLatin1("kept"));
     QVector<int> addresses(texts.size(), -7);
     const int held = texts.size();
@@ -146,82 +80,60 @@ void multiCopy(Input &in, qint64 &entries)
                                       missing == 3 ? 0 : &addresses);
 
     const RegisterInfo *r = findRegister(name);
-    if ((missing >= 1 && missing <= 3) || !r) {
-        if (result != 0 || texts.size() != held || addresses.size() != held)
-            fail("intf_multiCopy(\"%s\") without a register: %d, %d texts", latin(name).c_str(), result,
-                 texts.size());
+    const bool refused = (missing >= 1 && missing <= 3) || !r;
+    FUZZ_CHECK(texts.size() == held + (refused ? 0 : n) && addresses.size() == texts.size() && (!refused || !result),
+               "(\"%s\", %d, %d, %d): %d with %d texts appended", qPrintable(name), start, count, interval, result,
+               texts.size() - held);
+    if (refused)
         return;
-    }
-    if (texts.size() != held + n || addresses.size() != held + n)
-        fail("intf_multiCopy(%s, %d, %d, %d): %d texts and %d addresses appended", r->name, start, count, interval,
-             texts.size() - held, addresses.size() - held);
+    const qint64 step = interval == -1   ? (r->width == 1 ? 16 : 1)
+                        : interval == -2 ? (r->width == 1 ? 32 : r->width == 16 ? 2 : 1)
+                                         : qMax(interval, 1);
     bool clamped = count > 65536;
-    const qint64 s = step(*r, interval);
     for (int i = 0; i < n; ++i) {
-        const qint64 want = qint64(start) + qint64(i) * s;
+        const qint64 want = qint64(start) + qint64(i) * step;
+        clamped = clamped || want > r->highest;
         const int got = addresses.at(held + i);
-        const QString &text = texts.at(held + i);
-        if (want > r->highest) {
-            clamped = true;
-            if (got != r->highest || text != QString::number(r->highest, r->radix))
-                fail("intf_multiCopy(%s, %d, %d, %d): entry %d is %d \"%s\", expected the highest address",
-                     r->name, start, count, interval, i, got, latin(text).c_str());
-        } else if (got != want || text != QString::number(uint(got), r->radix)) { // %u / %o: unsigned
-            fail("intf_multiCopy(%s, %d, %d, %d): entry %d is %d \"%s\", expected %lld", r->name, start, count,
-                 interval, i, got, latin(text).c_str(), want);
-        }
+        // %u / %o: negative addresses as unsigned texts.
+        FUZZ_CHECK(got == qMin<qint64>(want, r->highest) && texts.at(held + i) == QString::number(uint(got), r->radix),
+                   "(%s, %d, %d, %d): entry %d is %d \"%s\"", r->name, start, count, interval, i, got,
+                   qPrintable(texts.at(held + i)));
     }
-    if (result != (clamped ? 2 : 1))
-        fail("intf_multiCopy(%s, %d, %d, %d) returned %d", r->name, start, count, interval, result);
+    FUZZ_CHECK(result == (clamped ? 2 : 1), "(%s, %d, %d, %d): %d", r->name, start, count, interval, result);
 }
 
+// Five items (format, lowest and highest address, unit, "1") appended for a
+// register of the family, none for another name; their contents per register
+// are the unit tests' business.
 void description(Input &in)
 {
     QString name = in.regName();
     QList<QString> items;
-    items.append(QString::fromLatin1("kept"));
+    items << QString::fromLatin1("kept");
     const int result = intf_getRegDiscription(&name, &items);
-    const RegisterInfo *r = findRegister(name);
-    if (result != 0 || items.size() != (r ? 6 : 1) || items.first() != QLatin1String("kept"))
-        fail("intf_getRegDiscription(\"%s\"): %d, %d items", latin(name).c_str(), result, items.size());
-    if (!r)
-        return;
-    const QString low = QString::number(r->lowest, r->radix), high = QString::number(r->highest, r->radix);
-    const QString kind = QString::number(r->width == 1 ? 0 : r->width == 16 ? 1 : 2);
-    const bool octal = r->radix == 8;
-    if ((octal ? items.at(1) != QLatin1String("OOO") : !items.at(1).startsWith(QLatin1String("DDD"))) ||
-        items.at(2) != low || items.at(3) != high || items.at(4) != kind || items.at(5) != QLatin1String("1"))
-        fail("intf_getRegDiscription(%s): %s %s %s %s %s", r->name, latin(items.at(1)).c_str(),
-             latin(items.at(2)).c_str(), latin(items.at(3)).c_str(), latin(items.at(4)).c_str(),
-             latin(items.at(5)).c_str());
+    FUZZ_CHECK(result == 0 && items.size() == (findRegister(name) ? 6 : 1) && items.first() == QLatin1String("kept"),
+               "(\"%s\"): %d, %d items", qPrintable(name), result, items.size());
 }
 
 } // namespace
 
 int runEditorInput(const uint8_t *data, size_t size)
 {
-    QuietMessages quiet;
+    Runtime runtime;
     Input in(data, size);
     qint64 entries = 0;
-    const int cache = driver.dataAreas.size(), writes = driver.writeJobs.size();
     for (int calls = 0; calls < 64 && !in.atEnd(); ++calls) {
-        CallCheck check("editor call", 0);
-        switch (in.byte() % 4) {
-        case 0:
-            checkAddr(in);
-            break;
-        case 1:
-            checkAddrValidity(in);
-            break;
-        case 2:
-            multiCopy(in, entries);
-            break;
-        default:
-            description(in);
-            break;
-        }
+        const int op = in.byte() % 4;
+        checked("editor call", 0, [&] {
+            if (op < 2)
+                checkAddress(in, op == 1);
+            else if (op == 2)
+                multiCopy(in, entries);
+            else
+                description(in);
+            return 0;
+        });
     }
-    if (driver.dataAreas.size() != cache || driver.writeJobs.size() != writes)
-        fail("an editor call changed the cache or the write queue");
+    FUZZ_CHECK(driver.dataAreas.isEmpty() && driver.writeJobs.isEmpty(), "an editor call changed the driver");
     return 0;
 }

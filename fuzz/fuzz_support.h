@@ -1,33 +1,68 @@
 // What the fuzz targets share: a reader that turns input bytes into call
 // arguments, the runtime's buffers in exactly the sizes the runtime contract
-// promises, and the invariants checked around every call into the driver.
-//
-// An invariant that does not hold ends the process through fail(), so that
-// libFuzzer keeps the input as a crash and a replay stops at the first fault.
+// promises, and the entry points called with their invariants checked.
 #ifndef KQ71_FUZZ_SUPPORT_H
 #define KQ71_FUZZ_SUPPORT_H
 
+#include "driver_internals.h"
 #include "vorn_kq71_ap.h"
 #include "../tests/qt_compat.h"
 
-#include <QtCore/QByteArray>
-#include <QtCore/QMutex>
-#include <QtCore/QString>
-#include <QtCore/QtGlobal>
+#include <QtCore/QMutexLocker>
+#include <QtCore/QVector>
 
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
+
+// The targets' bodies, each described at the top of its file. libFuzzer calls
+// them through fuzz_main.cpp; the unit tests replay the kept inputs.
+int runRepliesInput(const uint8_t *data, size_t size);
+int runCallsInput(const uint8_t *data, size_t size);
+int runEditorInput(const uint8_t *data, size_t size);
+
+// Ends the process, naming the invariant, its message (printf arguments,
+// only built then) and the input, so that libFuzzer keeps the input as a
+// crash and a replay stops at the first fault.
+#define FUZZ_CHECK(invariant, ...)                                                                                     \
+    ((invariant) ? void(0)                                                                                             \
+                 : (fprintf(stderr, "kq71 fuzz: invariant broken: %s: ", #invariant), fprintf(stderr, __VA_ARGS__),   \
+                    kq71fuzz::fail()))
 
 namespace kq71fuzz {
 
-[[noreturn]] void fail(const char *format, ...) __attribute__((format(printf, 1, 2)));
+inline const char *inputName = nullptr; // set by the replay
 
-// Named in every failure message (the replay test sets the file name).
-void setInputName(const char *name);
+[[noreturn]] inline void fail()
+{
+    fprintf(stderr, "\nkq71 fuzz: input %s\n", inputName ? inputName : "as libFuzzer keeps it");
+    abort();
+}
 
-// --- input ----------------------------------------------------------------
+// --- input ---------------------------------------------------------------
+
+// Values at which lengths, counts and addresses change meaning somewhere.
+inline const int BOUNDARY_VALUES[] = {
+    0, 1, -1, 2, -2, 7, 8, 9, 15, 16, 17, 31, 32, 127, 128, 129, 199, 200, 255, 256, 257, 377, 506, 507, 508, 511,
+    512, 513, 1023, 1024, 1025, 4095, 4096, 7999, 8000, 8001, 8191, 8192, 9999, 10000, 32767, 32768, 65535, 65536,
+    65537, 70000, -65536, 1073741823, 1073741824, 2147483520, 2147483646, 2147483647, -2147483647 - 1, -2147483647};
+
+// The register family as the runtime contract describes it.
+struct RegisterInfo {
+    const char *name;
+    int width; // bits of one unit: 1, 16 or 32
+    int lowest, highest, radix;
+};
+inline const RegisterInfo REGISTERS[19] = {
+    {"X", 1, 0, 0377, 8},        {"Y", 1, 0, 0377, 8},         {"S", 1, 0, 9999, 10},     {"M", 1, 0, 9999, 10},
+    {"T", 1, 0, 9999, 10},       {"C", 1, 0, 199, 10},         {"200C", 1, 200, 255, 10}, {"256C", 1, 256, 9999, 10},
+    {"D", 16, 0, 9999, 10},      {"V", 16, 0, 9999, 10},       {"Z", 16, 0, 9999, 10},    {"TC", 16, 0, 9999, 10},
+    {"TP", 16, 0, 9999, 10},     {"CC", 16, 0, 199, 10},       {"CP", 16, 0, 199, 10},    {"200CC", 32, 200, 255, 10},
+    {"200CP", 32, 200, 255, 10}, {"256CC", 32, 256, 9999, 10}, {"256CP", 32, 256, 9999, 10},
+};
 
 // Reads arguments from the input front to back; past its end every read
 // gives zeros, so any input is a complete program.
@@ -35,161 +70,513 @@ class Input {
 public:
     Input(const uint8_t *data, size_t size) : p_(data), n_(size) {}
     bool atEnd() const { return n_ == 0; }
-    uint8_t byte();
-    uint16_t u16();
-    int32_t i32();
+    uint8_t byte() { return n_ ? (--n_, *p_++) : 0; }
+    uint16_t u16()
+    {
+        const uint16_t low = byte();
+        return uint16_t(low | byte() << 8);
+    }
     int below(int n) { return n > 0 ? byte() % n : 0; }
-    // A selector byte, then a small number, a boundary value or four raw bytes.
-    int number();
-    // n bytes; zeros where the input has ended.
-    QByteArray bytes(int n);
-    // A length byte, then Latin-1 or UTF-8 text.
-    QString text();
-    // A register name of the family, one with "_bit", a near miss or any text.
-    QString regName();
-    // One of the 19 register names.
-    QString knownRegName();
+    int number() // a small number, a boundary value, four raw bytes or a small negative one
+    {
+        switch (byte() % 4) {
+        case 0:
+            return byte();
+        case 1:
+            return BOUNDARY_VALUES[byte() % (sizeof(BOUNDARY_VALUES) / sizeof(BOUNDARY_VALUES[0]))];
+        case 2: {
+            const uint32_t low = u16();
+            return int32_t(low | uint32_t(u16()) << 16);
+        }
+        default:
+            return -int(byte());
+        }
+    }
+    QByteArray bytes(int n) // zeros where the input has ended
+    {
+        QByteArray out(qMax(n, 0), '\0');
+        for (int i = 0; i < out.size() && n_ > 0; ++i)
+            out[i] = char(byte());
+        return out;
+    }
+    QString text() // Latin-1 or UTF-8, up to 47 bytes
+    {
+        const int length = byte() % 48;
+        const QByteArray raw = bytes(length);
+        return length % 2 ? QString::fromUtf8(raw) : QString::fromLatin1(raw);
+    }
+    QString regName() // of the family, a near miss or any text
+    {
+        static const char *const nearMisses[] = {"D_bit", "V_bit", "Z_bit", "TC_bit", "200CC_bit", "X_bit", "M_bit",
+                                                 "",      "_bit",  "D_",    "D_x_bit", "d",        "Q",     " D",
+                                                 "D ",    "%1",    "256CC_", "C_bit",  "CC_bit_bit"};
+        const int selector = byte() % 48;
+        if (selector < 38)
+            return QString::fromLatin1(selector < 19 ? REGISTERS[selector].name : nearMisses[selector - 19]);
+        const QString name = text();
+        // The driver's own reports use these names at station -1.
+        return name == QLatin1String("RWI") || name == QLatin1String("-1") ? name + QLatin1Char('x') : name;
+    }
 
 private:
     const uint8_t *p_;
     size_t n_;
 };
 
-// --- the register family as the runtime contract describes it ---------------
+inline const RegisterInfo *findRegister(const QString &name) // 0 outside the family
+{
+    for (const RegisterInfo &r : REGISTERS)
+        if (name == QLatin1String(r.name))
+            return &r;
+    return nullptr;
+}
 
-struct RegisterInfo {
-    const char *name;
-    int width;  // bits of one unit: 1, 16 or 32
-    int lowest; // address range, as numbers
-    int highest;
-    int radix;
-};
-extern const RegisterInfo REGISTERS[19];
-// The row of a name, or 0 for a name outside the family.
-const RegisterInfo *findRegister(const QString &name);
+// 1: bits of 16-bit words ("D_bit"); -1: a bit-in-word name the driver
+// refuses (of a bit or 32-bit register, or with anything between register
+// and suffix); 0: another name.
+inline int bitInWordKind(const QString &name)
+{
+    if (name.size() <= 4 || !name.endsWith(QLatin1String("_bit")))
+        return 0;
+    const QString word = name.left(name.size() - 4);
+    const RegisterInfo *r = findRegister(word);
+    return !word.contains(QLatin1Char('_')) && (r ? r->width : 16) == 16 ? 1 : -1;
+}
 
-// Bytes of the values buffer that intf_getData fills / intf_setData reads for
-// length units of the register: 1 per bit, 2 per 16-bit word, and for 32-bit
-// registers (length counting 16-bit words) 4 per whole value when reading and
-// 2 per word when writing. Names outside the family are 16-bit words. 0 for
-// lengths below 1.
-// Bits inside 16-bit words ("D_bit") take one byte a bit both ways; a
-// bit-in-word name the driver refuses (of a bit or 32-bit register, or with
-// anything between register and suffix) takes none.
-int getDataBytes(const QString &name, int length);
-int setDataBytes(const QString &name, int length);
-// 1: bits of 16-bit words; -1: a bit-in-word name the driver refuses; 0: another name.
-int bitInWordKind(const QString &name);
+// A refused bit-in-word name, or a negative bit number.
+inline bool refusedBits(const QString &name, int address)
+{
+    return bitInWordKind(name) < 0 || (bitInWordKind(name) > 0 && address < 0);
+}
 
-// Largest length the targets give intf_getData / intf_setData: beyond the
-// 65536 units one call may name, so the driver's own bound is exercised,
-// while the buffer stays one a runtime could hold.
-enum { MAX_VALUE_LENGTH = 70000 };
+// Bytes of the values buffer for length units: a byte per bit, two per word,
+// and for 32-bit registers (length counting words) four per whole value read,
+// two per word written. None for a refused bit-in-word name.
+inline int valueBytes(const QString &name, int length, bool reading)
+{
+    const RegisterInfo *r = findRegister(name);
+    const int width = r ? r->width : 16;
+    if (length < 1 || bitInWordKind(name) < 0)
+        return 0;
+    if (bitInWordKind(name) > 0 || width == 1)
+        return length;
+    return width == 32 && reading ? 4 * (length / 2) : 2 * length;
+}
 
-// Units one range names at most: the driver bounds every range to 65536.
-qint64 unitsNamed(qint64 length);
+inline qint64 unitsNamed(qint64 length) // the driver bounds every range to 65536 units
+{
+    return length <= 0 ? 0 : qMin<qint64>(length, MAX_RANGE_UNITS);
+}
 
-// --- the runtime's side ----------------------------------------------------
+// --- the runtime's side ---------------------------------------------------
 
-enum { RECIPE_BUFFER_BYTES = 65536, RECIPE_BUFFER_WORDS = RECIPE_BUFFER_BYTES / 2 };
+enum { RECIPE_BUFFER_WORDS = 32768 };
+
+inline bool readBack = false, inCallback = false, callbackOn = false;
+inline std::function<void()> nested; // run once, from the next report
+inline int depth = 0;                // of calls into the driver
+inline qint64 allowance = 0, reports = 0; // units named and reports made since the outermost call began
+// The batch as the runtime sees it: an end report is owed while Open; Unseen
+// when the callback was off, so that its end may pass unheard.
+enum class Batch { Closed, Open, Unseen };
+inline Batch batch = Batch::Closed;
+inline bool resendDue = false; // a frame that got a bad reply comes out again unchanged
+inline FRAME_PRO resendFrame;
+
+// Work per input, in units named, each piece a write or condition read is cut
+// into counting 30 (it costs a scan of its queue): one input stays well
+// within a second under the sanitizers. A call past it is skipped.
+inline qint64 spent = 0;
+inline bool spend(qint64 units)
+{
+    if (spent + units > 150000)
+        return false;
+    spent += units;
+    return true;
+}
+
+// Runs one call into the driver and checks around it: afterwards the cache
+// has grown by at most the units the call named (nested calls from the
+// callback add theirs), both job queues are within 513, the callback was
+// called a bounded number of times and the call returned in time.
+template <class Call>
+int checked(const char *what, qint64 units, Call call)
+{
+    static const char *limit = getenv("KQ71_FUZZ_CALL_SECONDS");
+    const qint64 cacheBefore = driver.dataAreas.size();
+    const auto start = std::chrono::steady_clock::now();
+    if (depth++ == 0)
+        allowance = reports = 0;
+    allowance += units;
+    const int result = call();
+    if (--depth > 0)
+        return result;
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    FUZZ_CHECK(driver.dataAreas.size() - cacheBefore <= allowance, "%s: %lld units named", what, allowance);
+    FUZZ_CHECK(driver.writeJobs.size() <= MAX_QUEUED_JOBS && driver.conditionReads.size() <= MAX_QUEUED_JOBS,
+               "%s: %d writes, %d condition reads", what, driver.writeJobs.size(), driver.conditionReads.size());
+    // Each unit once as a value and at most twice per recipe item that places
+    // it in the recipe buffer, plus the end of a batch.
+    FUZZ_CHECK(reports <= (allowance + 2) * (2 * qMax<qint64>(driver.rcpItems.size(), 64) + 1), "%s", what);
+    FUZZ_CHECK(seconds <= (limit ? atof(limit) : 5.0), "%s took %.1f s", what, seconds);
+    return result;
+}
+
+// No queued job carries a bit-in-word name (bits are read and written as the
+// words holding them); every planned read and recipe block is of 1 to 128
+// units.
+inline void checkJobs(const char *what)
+{
+    for (const QList<VARIABLE> *queue : {&driver.writeJobs, &driver.conditionReads, &driver.cyclicReads})
+        for (const VARIABLE &v : *queue)
+            FUZZ_CHECK(bitInWordKind(v.regName) == 0, "%s queued %s", what, qPrintable(v.regName));
+    for (const VARIABLE &v : driver.cyclicReads)
+        FUZZ_CHECK(v.length >= 1 && v.length <= MAX_BLOCK_UNITS, "%s planned %d units", what, v.length);
+    for (const _RCP_VAR_PRO &b : driver.rcpBlocks)
+        FUZZ_CHECK(b.length >= 1 && b.length <= MAX_BLOCK_UNITS, "%s planned %d units", what, b.length);
+}
+
+// A buffer of exactly the contract's size, or none. Units the callback reads
+// back do not count against the work budget.
+inline void getData(int station, QString name, int address, int length, bool withBuffer, bool budgeted = true)
+{
+    const qint64 units = unitsNamed(length);
+    if (budgeted && !spend(units))
+        return;
+    unsigned char *values =
+        withBuffer ? static_cast<unsigned char *>(malloc(size_t(valueBytes(name, length, true)))) : nullptr;
+    const int result =
+        checked("intf_getData", units, [&] { return intf_getData(station, &name, address, length, values); });
+    FUZZ_CHECK(result == (withBuffer && !refusedBits(name, address)), "%d for %s", result, qPrintable(name));
+    // Bits in words read as 0 or 1, for each bit the call names: at most
+    // 65536, none past the last address.
+    const qint64 bits = result == 1 && bitInWordKind(name) > 0 ? qMin(units, qint64(INT_MAX) - address + 1) : 0;
+    for (qint64 i = 0; i < bits; ++i)
+        FUZZ_CHECK(values[i] <= 1, "%d for bit %lld of %s", values[i], i, qPrintable(name));
+    free(values);
+}
+
+// The callback: checks its arguments (a unit of this device, the end of an
+// open batch, or a recipe word inside the recipe buffer), then reads the unit
+// back or makes the nested call when asked.
+inline void valueChanged(int deviceId, int station, const QString &regName, int address)
+{
+    ++reports;
+    if (deviceId == -1 && station == -1 && regName == QLatin1String("-1")) {
+        FUZZ_CHECK((address == 0 || address == -1) && batch != Batch::Closed, "batch end %d", address);
+        batch = Batch::Closed;
+        return;
+    }
+    if (deviceId == 0 && station == -1 && regName == QLatin1String("RWI")) {
+        FUZZ_CHECK(address >= 0 && address < RECIPE_BUFFER_WORDS, "recipe word %d", address);
+        return;
+    }
+    FUZZ_CHECK(deviceId == driver.deviceId && !refusedBits(regName, address), "%d#%s%d", station,
+               qPrintable(regName), address);
+    if (inCallback)
+        return;
+    inCallback = true;
+    const RegisterInfo *r = findRegister(regName);
+    if (readBack) // as a runtime does: read the value reported, from inside the report
+        getData(station, regName, address, r && r->width == 32 ? 2 : 1, true, false);
+    if (nested) {
+        const std::function<void()> call = nested;
+        nested = nullptr;
+        call();
+    }
+    inCallback = false;
+}
+
+// 0 none, 1 checking its arguments, 2 also reading each reported unit back.
+inline void setCallback(int mode)
+{
+    intf_setAddrValueChangeCallBack(mode ? &valueChanged : nullptr);
+    callbackOn = mode != 0;
+    readBack = mode == 2;
+    if (!callbackOn && batch == Batch::Open)
+        batch = Batch::Unseen;
+}
 
 // Shared memory of exactly KQ71_SHARED_MEM_MIN bytes and a 64 KiB recipe
-// buffer, both on the heap, so that an access past either end is reported.
-// Construction puts the driver back to the state after load; destruction
-// clears it again, so that no pointer to the freed buffers stays behind.
-class Runtime {
-public:
-    Runtime();
-    ~Runtime();
-    int init(const char *property); // intf_initProperty with these buffers
-    void setRecipeFlags(unsigned char write, unsigned char read);
-
-    unsigned char *sharedMem;
-    unsigned char *recipeBuf;
+// buffer on the heap, so that an access past either end is reported. The
+// driver is put back to its state after load on construction and again on
+// destruction, so that no pointer to the freed buffers stays behind; Qt's
+// messages (a debug line per job) are dropped meanwhile.
+struct Runtime {
+    unsigned char *sharedMem = static_cast<unsigned char *>(calloc(KQ71_SHARED_MEM_MIN, 1));
+    unsigned char *recipeBuf = static_cast<unsigned char *>(calloc(2 * RECIPE_BUFFER_WORDS, 1));
     QMutex mutex;
+    kq71test::MessageSink previousSink = kq71test::installMessageSink([](QtMsgType, const QString &) {});
 
-private:
-    Runtime(const Runtime &);
-    Runtime &operator=(const Runtime &);
+    Runtime() { reset(); }
+    Runtime(const Runtime &) = delete;
+    ~Runtime()
+    {
+        reset();
+        kq71test::installMessageSink(previousSink);
+        free(sharedMem);
+        free(recipeBuf);
+    }
+    static void reset()
+    {
+        {
+            ServiceLock lock;
+            driver.resetAll();
+        }
+        batch = Batch::Closed;
+        callbackOn = readBack = resendDue = false;
+        nested = nullptr;
+        spent = 0;
+    }
+    void init(const char *property)
+    {
+        int status = -1;
+        const int result = checked("intf_initProperty", 0, [&] {
+            return intf_initProperty(sharedMem, nullptr, recipeBuf, &status, property, &mutex);
+        });
+        FUZZ_CHECK(result == 1 && status == 0 && driver.cyclicReads.isEmpty() && driver.writeJobs.isEmpty() &&
+                       driver.conditionReads.isEmpty() && driver.dataAreas.isEmpty() && driver.frameQueue.isEmpty(),
+                   "%d, status %d", result, status);
+        batch = Batch::Closed; // the queue is gone, and with it the batch
+        resendDue = false;
+    }
+    void setRecipeFlags(unsigned char write, unsigned char read)
+    {
+        QMutexLocker guard(&mutex);
+        sharedMem[KQ71_RECIPE_WRITE_FLAG] = write;
+        sharedMem[KQ71_RECIPE_READ_FLAG] = read;
+    }
 };
 
-// The driver as it is after load: configuration zero, no recipe, no jobs,
-// no callback.
-void resetDriver();
+// --- entry points with their results checked, each skipped past the budget --
 
-// Drops Qt messages for a scope (the driver writes debug lines per job).
-class QuietMessages {
-public:
-    QuietMessages();
-    ~QuietMessages();
+// Jobs a write or condition read of this many units is cut into, at most.
+inline qint64 piecesOf(qint64 units, bool wordByWord)
+{
+    const qint64 words = driver.maxWordsPerPiece < 1 ? MAX_BLOCK_UNITS : driver.maxWordsPerPiece;
+    const qint64 bits = driver.maxBitsPerPiece < 1 ? MAX_BLOCK_UNITS : driver.maxBitsPerPiece;
+    return wordByWord || units <= 0 ? units : (units + qMin(words, bits) - 1) / qMin(words, bits);
+}
 
-private:
-    kq71test::MessageSink previous_;
-};
+inline void watch(QList<KEY_ADDRESS> keys)
+{
+    qint64 units = 0;
+    for (const KEY_ADDRESS &k : keys)
+        units += unitsNamed(k.length);
+    if (!spend(units))
+        return;
+    const int jobs = checked("intf_addrMerge", units, [&] { return intf_addrMerge(&keys); });
+    FUZZ_CHECK(jobs == driver.cyclicReads.size(), "%d for %d cyclic reads", jobs, driver.cyclicReads.size());
+    checkJobs("intf_addrMerge");
+}
 
-// --- invariants around calls ------------------------------------------------
+// Opens a batch that must end exactly once, also for a key that names no unit.
+inline void condition(KEY_ADDRESS k, int id)
+{
+    const qint64 units = unitsNamed(k.length);
+    const int before = driver.conditionReads.size();
+    if (!spend(units + 30 * piecesOf(units, false)))
+        return;
+    const int result = checked("intf_addConditionRead", units, [&] { return intf_addConditionRead(&k, id); });
+    FUZZ_CHECK(result == 1 && (!refusedBits(k.regName, k.address) || driver.conditionReads.size() == before), "%s",
+               qPrintable(k.regName));
+    checkJobs("intf_addConditionRead");
+    batch = callbackOn ? Batch::Open : Batch::Unseen;
+}
 
-// Around one entry point call: afterwards the cache has grown by at most the
-// units the call named (nested calls from the callback add theirs), the write
-// and condition queues are within their bound of 513, the callback was called
-// a bounded number of times and the call returned within the time limit.
-// Checks made inside the callback count towards the outermost call.
-class CallCheck {
-public:
-    CallCheck(const char *what, qint64 unitsNamed);
-    ~CallCheck();
+inline void recipe(QVector<_RCP_VAR_PRO> items)
+{
+    qint64 units = 0;
+    int mine = 0;
+    for (const _RCP_VAR_PRO &item : items) {
+        units += unitsNamed(item.length);
+        mine += item.deviceId == driver.deviceId;
+    }
+    if (!spend(units))
+        return;
+    const int kept = checked("intf_setRcpAddress", units, [&] { return intf_setRcpAddress(&items); });
+    FUZZ_CHECK(kept == mine, "kept %d of %d items of this device", kept, mine);
+    checkJobs("intf_setRcpAddress");
+}
 
-private:
-    const char *what_;
-    bool outer_;
-    int cacheBefore_;
-    std::chrono::steady_clock::time_point start_;
-};
+inline void setData(int station, QString name, int address, int length, const QByteArray &bytes, bool withBuffer,
+                    int id)
+{
+    const qint64 units = unitsNamed(length);
+    const bool wordByWord = name == QLatin1String("V") || name == QLatin1String("Z") ||
+                            name == QLatin1String("V_bit") || name == QLatin1String("Z_bit");
+    if (!spend(units + 30 * piecesOf(units, wordByWord)))
+        return;
+    unsigned char *values = withBuffer ? static_cast<unsigned char *>(malloc(size_t(bytes.size()))) : nullptr;
+    if (values)
+        memcpy(values, bytes.constData(), size_t(bytes.size()));
+    const int result =
+        checked("intf_setData", units, [&] { return intf_setData(station, &name, address, length, values, id); });
+    FUZZ_CHECK(result == (refusedBits(name, address) ? 0 : withBuffer || length <= 0), "%s", qPrintable(name));
+    checkJobs("intf_setData");
+    free(values);
+}
 
-// Reports of the value-change callback during the outermost call.
-void countReport();
+// --- frames and replies ---------------------------------------------------
 
-// Checks a frame handed out by intf_getSendFrame: sendLen in [0, 1024] and
-// equal to the length its own bytes imply, recvLen the reply length its
-// request implies, a correct CRC, and the fields that go with its function.
-void checkFrame(const FRAME_PRO &frame);
+// The tests' own CRC, independent of the driver's.
+inline QByteArray withCrc(QByteArray b)
+{
+    unsigned crc = 0xFFFF;
+    for (const char c : b) {
+        crc ^= uchar(c);
+        for (int i = 0; i < 8; ++i)
+            crc = (crc & 1) ? (crc >> 1) ^ 0xA001 : crc >> 1;
+    }
+    return b.append(char(crc & 0xFF)).append(char(crc >> 8));
+}
 
-// The callback: checks its arguments (a unit of this device, the end of a
-// condition-read batch, or a recipe word inside the recipe buffer), counts the
-// report and, when asked, reads the unit back or runs a nested call.
-void setCallbackReadsBack(bool on);
-// The callback: 0 none, 1 checking, 2 checking and reading each unit back.
-void setCallback(int mode);
-// Every batch the runtime opens ends with exactly one report: the callback
-// fails on an end no batch owes; checkBatchEnded fails while one is owed.
-void conditionBatchOpened();
-void checkBatchEnded();
-bool conditionBatchOwed();
-void setNestedCall(const std::function<void()> &call); // run once, from the next report
-void valueChanged(int deviceId, int station, const QString &regName, int address);
+// intf_getSendFrame; false when nothing is to be sent. A frame handed out has
+// sendLen in [0, 1024] and what its own bytes imply, recvLen what its request
+// implies, its CRC, its station and the fields that go with its function.
+inline bool nextFrame(FRAME_PRO &f)
+{
+    const int result = checked("intf_getSendFrame", 0, [&] { return intf_getSendFrame(&f); });
+    FUZZ_CHECK(result == 0 || result == 1, "%d", result);
+    FUZZ_CHECK(!resendDue || (result == 1 && f.sendLen == resendFrame.sendLen && f.recvLen == resendFrame.recvLen &&
+                              f.itemCount == resendFrame.itemCount &&
+                              memcmp(f.frame, resendFrame.frame, f.sendLen) == 0),
+               "the frame that got a bad reply was not handed out again");
+    resendDue = false;
+    if (result == 0)
+        return false;
+    // The handshake sends nothing and awaits nothing.
+    FUZZ_CHECK(f.sendLen >= 0 && f.sendLen <= KQ71_FRAME_BYTES && f.recvLen >= 0 && (f.sendLen > 0 || f.recvLen == 0) &&
+                   f.reserved == 0,
+               "sendLen %d, recvLen %d", f.sendLen, f.recvLen);
+    if (f.sendLen == 0)
+        return true;
+    const unsigned char *q = f.frame;
+    const int function = q[1], count = q[4] << 8 | q[5];
+    const bool read = function == 0x01 || function == 0x03, multiple = function == 0x0F || function == 0x10;
+    const int dataBytes = function == 0x01 || function == 0x0F ? (count + 7) / 8 : 2 * count;
+    FUZZ_CHECK(read || multiple || function == 0x05 || function == 0x06, "function %02X", function);
+    FUZZ_CHECK(!multiple || q[6] == (dataBytes & 0xFF), "function %02X of %d units: %d bytes", function, count, q[6]);
+    FUZZ_CHECK(function != 0x05 || ((q[4] == 0xFF || q[4] == 0) && q[5] == 0), "bit value %02X %02X", q[4], q[5]);
+    FUZZ_CHECK(f.sendLen == (multiple ? 9 + dataBytes : 8) && f.recvLen == (read ? 5 + dataBytes : 8),
+               "function %02X of %d units: sendLen %d, recvLen %d", function, count, f.sendLen, f.recvLen);
+    const QByteArray bytes(reinterpret_cast<const char *>(q), f.sendLen);
+    FUZZ_CHECK(withCrc(bytes.left(f.sendLen - 2)) == bytes && q[0] == (f.var.station & 0xFF), "station %d",
+               f.var.station);
+    FUZZ_CHECK(read ? (f.dataPos == 3 && f.itemCount == f.var.length && f.itemCount >= 1)
+                    : (f.dataPos == 0 && f.itemCount == 0),
+               "function %02X: dataPos %d, itemCount %d, length %d", function, f.dataPos, f.itemCount, f.var.length);
+    return true;
+}
 
-// --- replies ------------------------------------------------------------------
-
-// A reply for the frame handed out last (none: frame is 0), chosen by the
-// input: raw bytes of any length up to 1100, a well-formed reply (possibly
-// with one flaw), an exception reply, or bytes of exactly the expected
-// length. wellFormed tells that the driver must accept it.
-QByteArray makeReply(Input &in, const FRAME_PRO *frame, bool &wellFormed);
 // The correct reply to a frame (read: data bytes from the input).
-QByteArray goodReply(Input &in, const FRAME_PRO &frame);
+inline QByteArray goodReply(Input &in, const FRAME_PRO &f)
+{
+    if (f.sendLen < 8)
+        return QByteArray();
+    if (f.frame[1] != 0x01 && f.frame[1] != 0x03)
+        return withCrc(QByteArray(reinterpret_cast<const char *>(f.frame), 6));
+    const int data = f.recvLen - 5;
+    return withCrc(QByteArray(reinterpret_cast<const char *>(f.frame), 2).append(char(data & 0xFF)) + in.bytes(data));
+}
 
-// Hands a reply to intf_dealRcvFrame with the argument shapes the input
-// chooses (missing reply or text, text filled beforehand) and checks the
-// result and the error text against the frame handed out last. Returns the
-// result.
-int deal(Input &in, const QByteArray &reply, const FRAME_PRO *frame, bool wellFormed);
+// A reply to the frame handed out last (none: f is 0), chosen by the input:
+// raw bytes of up to 1099, a correct reply with or without one flaw, an
+// exception reply, or bytes of exactly the length awaited. wellFormed: the
+// driver must take it.
+inline QByteArray makeReply(Input &in, const FRAME_PRO *f, bool &wellFormed)
+{
+    const uint8_t kind = in.byte();
+    const bool request = f && f->sendLen >= 8;
+    wellFormed = kind % 4 == 1 && request && ((kind >> 2) % 4 == 0 || (kind >> 2) % 4 == 3);
+    if (kind % 4 == 0) // any bytes, from nothing to more than a frame holds
+        return in.bytes(in.u16() % 1100);
+    if (kind % 4 == 1 && !request)
+        return in.bytes(in.byte());
+    if (kind % 4 == 1) {
+        QByteArray reply = goodReply(in, *f);
+        if ((kind >> 2) % 4 == 1) { // one byte changed
+            const int at = in.u16() % reply.size();
+            reply[at] = char(reply.at(at) ^ (in.byte() | 1));
+        } else if ((kind >> 2) % 4 == 2) { // a few bytes short or too many
+            const int delta = in.below(9) - 4;
+            reply = delta < 0 ? reply.left(reply.size() + delta) : reply + in.bytes(delta == 0 ? 1 : delta);
+        }
+        return reply;
+    }
+    if (kind % 4 == 2) { // an exception reply
+        QByteArray reply(1, char(request ? f->frame[0] : in.byte()));
+        reply.append(char((request ? f->frame[1] : in.byte()) | 0x80));
+        return withCrc(reply.append(char(in.byte())));
+    }
+    // Exactly as long as awaited, with a CRC that holds or not.
+    const QByteArray reply = in.bytes(f ? qBound(0, f->recvLen, 70000) : in.byte());
+    return (kind >> 2) % 2 && reply.size() >= 2 ? withCrc(reply.left(reply.size() - 2)) : reply;
+}
 
-// One intf_getSendFrame with its checks; false when nothing is to be sent.
-bool nextFrame(FRAME_PRO &frame);
+// intf_dealRcvFrame with argument shapes from the input (no reply, no text, a
+// text filled beforehand). Its result is 1 exactly when the reply answers the
+// frame that is out, and its error text names that frame's job.
+inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wellFormed)
+{
+    const uint8_t shape = in.byte() % 8;
+    const bool noReply = shape == 1, noText = shape == 2;
+    QByteArray reply = bytes;
+    QString text = shape == 3 ? in.text() : QString(); // whatever the string held before
+    const bool pending = !driver.frameQueue.isEmpty();
+    const FRAME_PRO head = pending ? driver.frameQueue.first() : FRAME_PRO();
+    const VARIABLE &job = head.var;
+    // Good is exactly: as long as the request awaits, with its CRC, from the
+    // station and for the function asked; a read reply with its byte count
+    // (modulo 256) and not the request echoed. Nothing else is decoded.
+    const QByteArray seen = noReply ? QByteArray() : bytes;
+    const int n = seen.size();
+    const unsigned char *s = reinterpret_cast<const unsigned char *>(seen.constData());
+    const bool good = pending && n == head.recvLen && n >= 5 && withCrc(seen.left(n - 2)) == seen &&
+                      s[0] == head.frame[0] && s[1] == head.frame[1] &&
+                      ((head.frame[1] != 0x01 && head.frame[1] != 0x03) ||
+                       (s[2] == ((n - 5) & 0xFF) &&
+                        seen != QByteArray::fromRawData(reinterpret_cast<const char *>(head.frame), head.sendLen)));
+    const int result = checked("intf_dealRcvFrame", pending ? unitsNamed(job.length) : 0,
+                               [&] { return intf_dealRcvFrame(noReply ? nullptr : &reply, noText ? nullptr : &text); });
+    FUZZ_CHECK(pending || (result == 0 && (noText || text.isEmpty())), "%d, \"%s\"", result, qPrintable(text));
+    if (!pending)
+        return result;
+    FUZZ_CHECK((result == 1 || result == 2 || result == 8) && (result == 1) == good && (good || !wellFormed || noReply),
+               "%d for a reply of %d bytes to function %02X awaiting %d", result, n, head.frame[1], head.recvLen);
+    // The error text names the job that was out; its form is pinned by the unit tests.
+    const QString station = QString::number(job.station) + QLatin1Char('#'), length = QString::number(job.length);
+    FUZZ_CHECK(noText || (text.startsWith(station) && text.contains(QLatin1Char('(') + length + QLatin1Char(')'))),
+               "\"%s\"", qPrintable(text));
+    resendDue = result == 8 && f;
+    if (resendDue)
+        resendFrame = *f;
+    return result;
+}
 
-// Counts the calls of Runtime::init: a frame handed out before the last one
-// is no longer pending.
-int initGeneration();
+// Answered well, the exchange works off every write and condition read (and,
+// given the runtime, every recipe transfer its flags ask for) within bound
+// frames, and the open batch ends. Only a run of writes with no cyclic read
+// to take turns with may pause, once.
+inline void drain(Input &in, qint64 bound, const Runtime *runtime)
+{
+    const auto flag = [runtime](int offset) { return runtime ? runtime->sharedMem[offset] : 0; };
+    const auto busy = [&] {
+        return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || batch == Batch::Open ||
+               flag(KQ71_RECIPE_WRITE_FLAG) || flag(KQ71_RECIPE_READ_FLAG);
+    };
+    for (qint64 i = 0, idle = 0; i < bound && busy(); ++i) {
+        FRAME_PRO f;
+        if (nextFrame(f)) {
+            idle = 0;
+            deal(in, goodReply(in, f), &f, true);
+        } else if (++idle > 1 || !driver.cyclicReads.isEmpty()) {
+            break;
+        }
+    }
+    FUZZ_CHECK(!busy(), "%d writes, %d condition reads, batch %d, recipe flags %d/%d left", driver.writeJobs.size(),
+               driver.conditionReads.size(), int(batch), flag(KQ71_RECIPE_WRITE_FLAG), flag(KQ71_RECIPE_READ_FLAG));
+}
 
 } // namespace kq71fuzz
 

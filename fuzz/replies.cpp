@@ -16,20 +16,9 @@
 //             the intf_dealRcvFrame arguments (see deal)
 // The chosen job is set up first and made current with intf_getSendFrame; the
 // others are then queued behind it, as a runtime does while a frame is out.
-// After the steps, good replies must finish every write, condition read and
-// recipe transfer within a bounded number of exchanges.
-//
-// Recipe items keep their values inside the 64 KiB recipe buffer: the driver
-// takes the item layout from the runtime as given.
+// Then good replies must finish every write, condition read and recipe
+// transfer, with no pause while jobs wait.
 #include "fuzz_support.h"
-#include "fuzz_targets.h"
-
-#include "driver_internals.h"
-
-#include <QtCore/QList>
-#include <QtCore/QVector>
-
-#include <cstdlib>
 
 using namespace kq71fuzz;
 
@@ -66,193 +55,72 @@ KEY_ADDRESS readKey(Input &in)
     return key;
 }
 
-struct Setup {
-    QList<KEY_ADDRESS> watch;
-    struct Write {
-        QString name;
-        int address, length;
-        QByteArray values;
-    };
-    QList<Write> writes;
-    KEY_ADDRESS condition;
-    int conditionId;
-    QVector<_RCP_VAR_PRO> recipe;
-};
-
-Setup readSetup(Input &in)
-{
-    Setup s;
-    for (int n = 1 + in.below(4); n > 0; --n)
-        s.watch.append(readKey(in));
-    for (int n = 1 + in.below(3); n > 0; --n) {
-        Setup::Write w;
-        const RegisterInfo &r = REGISTERS[in.byte() % 19];
-        w.name = QString::fromLatin1(r.name);
-        w.address = addressIn(in, r);
-        w.length = 1 + in.byte() % 32;
-        w.values = in.bytes(setDataBytes(w.name, w.length));
-        s.writes.append(w);
-    }
-    s.condition = readKey(in);
-    s.conditionId = in.byte();
-    for (int n = 1 + in.below(3); n > 0; --n) {
-        const RegisterInfo &r = REGISTERS[in.byte() % 19];
-        _RCP_VAR_PRO item;
-        item.deviceId = 1;
-        item.station = 1;
-        item.regName = QString::fromLatin1(r.name);
-        item.address = addressIn(in, r);
-        item.length = unitsOf(r, in.byte() % 32);
-        const int words = r.width == 1 ? (item.length + 15) / 16 : item.length;
-        item.bufOffset = in.u16() % (RECIPE_BUFFER_WORDS - words + 1);
-        s.recipe.append(item);
-    }
-    return s;
-}
-
-void watch(Setup &s)
-{
-    qint64 units = 0;
-    for (int i = 0; i < s.watch.size(); ++i)
-        units += unitsNamed(s.watch.at(i).length);
-    CallCheck check("intf_addrMerge", units);
-    const int jobs = intf_addrMerge(&s.watch);
-    if (jobs != driver.cyclicReads.size() || jobs < 1)
-        fail("intf_addrMerge returned %d for %d cyclic reads", jobs, driver.cyclicReads.size());
-}
-
-void write(const Setup &s)
-{
-    for (int i = 0; i < s.writes.size(); ++i) {
-        const Setup::Write &w = s.writes.at(i);
-        // The runtime's buffer holds exactly the values of the write.
-        unsigned char *values = static_cast<unsigned char *>(malloc(size_t(w.values.size())));
-        memcpy(values, w.values.constData(), size_t(w.values.size()));
-        QString name = w.name;
-        {
-            CallCheck check("intf_setData", unitsNamed(w.length));
-            if (intf_setData(1, &name, w.address, w.length, values, 7) != 1)
-                fail("intf_setData did not return 1");
-        }
-        free(values);
-    }
-}
-
-void conditionRead(Setup &s)
-{
-    CallCheck check("intf_addConditionRead", unitsNamed(s.condition.length));
-    // Also a key that names no unit (one word of a 32-bit register) opens a
-    // batch, which ends at the next frame request.
-    const int result = intf_addConditionRead(&s.condition, s.conditionId);
-    if (result != 1)
-        fail("intf_addConditionRead returned %d", result);
-    conditionBatchOpened();
-}
-
-void recipe(Setup &s)
-{
-    qint64 units = 0;
-    for (int i = 0; i < s.recipe.size(); ++i)
-        units += unitsNamed(s.recipe.at(i).length);
-    CallCheck check("intf_setRcpAddress", units);
-    if (intf_setRcpAddress(&s.recipe) != s.recipe.size())
-        fail("intf_setRcpAddress kept fewer items than it was given");
-}
-
-bool busy(const Runtime &runtime)
-{
-    return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() ||
-           runtime.sharedMem[KQ71_RECIPE_WRITE_FLAG] != 0 || runtime.sharedMem[KQ71_RECIPE_READ_FLAG] != 0;
-}
-
-// Good replies from here on finish every job in a bounded number of exchanges.
-void drain(const Runtime &runtime)
-{
-    int frames = driver.writeJobs.size() + driver.conditionReads.size();
-    for (int i = 0; i < driver.rcpBlocks.size(); ++i) {
-        const _RCP_VAR_PRO &b = driver.rcpBlocks.at(i);
-        frames += 2 * qMax(1, b.regName == QLatin1String("V") || b.regName == QLatin1String("Z") ? b.length : 1);
-    }
-    // A cyclic read after every ten writes and every three condition reads.
-    const int limit = 2 * frames + 16;
-    int n = 0;
-    for (; n < limit && busy(runtime); ++n) {
-        FRAME_PRO f;
-        if (!nextFrame(f))
-            fail("nothing to send while jobs wait");
-        Input none(0, 0);
-        if (deal(none, goodReply(none, f), &f, true) != 1)
-            fail("a good reply was not taken");
-    }
-    if (busy(runtime))
-        fail("%d writes, %d condition reads and recipe flags %d/%d left after %d exchanges with good replies",
-             driver.writeJobs.size(), driver.conditionReads.size(), runtime.sharedMem[KQ71_RECIPE_WRITE_FLAG],
-             runtime.sharedMem[KQ71_RECIPE_READ_FLAG], n);
-    FRAME_PRO f;
-    nextFrame(f);
-    checkBatchEnded();
-}
-
 } // namespace
 
 int runRepliesInput(const uint8_t *data, size_t size)
 {
-    QuietMessages quiet;
     Runtime runtime;
     Input in(data, size);
-
-    setCallback(1);
     static const int gaps[] = {0, 1, 2, 5, 10, 16, 64, 200};
     const uint8_t config = in.byte();
-    setCallbackReadsBack(config & 0x20);
-    const QByteArray property =
-        "1#0#0#" + QByteArray::number(1 + config % 4) + "#" + QByteArray::number(gaps[(config >> 2) % 8]);
-    runtime.init(property.constData());
-
+    setCallback(config & 0x20 ? 2 : 1);
+    runtime.init(("1#0#0#" + QByteArray::number(1 + config % 4) + "#" + QByteArray::number(gaps[(config >> 2) % 8]))
+                     .constData());
     const uint8_t choice = in.byte();
-    const int current = choice % 5;
-    const bool bothFlags = choice & 0x08;
-    const bool readFlag = choice & 0x10;
-    Setup s = readSetup(in);
+    const int current = choice % 5, first = qMin(current, 3);
+    const bool bothFlags = choice & 0x08, readFlag = choice & 0x10;
+
+    // The four jobs: watch list, writes, condition read, recipe.
+    std::function<void()> setUp[4];
+    QList<KEY_ADDRESS> keys;
+    for (int n = 1 + in.below(4); n > 0; --n)
+        keys.append(readKey(in));
+    setUp[0] = [keys] { watch(keys); };
+    QList<std::function<void()>> writes;
+    for (int n = 1 + in.below(3); n > 0; --n) {
+        const RegisterInfo &r = REGISTERS[in.byte() % 19];
+        const int address = addressIn(in, r), length = 1 + in.byte() % 32;
+        const QByteArray values = in.bytes(valueBytes(QString::fromLatin1(r.name), length, false));
+        writes.append([=] { setData(1, QString::fromLatin1(r.name), address, length, values, true, 7); });
+    }
+    setUp[1] = [writes] {
+        for (const std::function<void()> &write : writes)
+            write();
+    };
+    const KEY_ADDRESS key = readKey(in);
+    const int id = in.byte();
+    setUp[2] = [key, id] { condition(key, id); };
+    QVector<_RCP_VAR_PRO> items;
+    for (int n = 1 + in.below(3); n > 0; --n) {
+        const RegisterInfo &r = REGISTERS[in.byte() % 19];
+        _RCP_VAR_PRO item;
+        item.deviceId = item.station = 1;
+        item.regName = QString::fromLatin1(r.name);
+        item.address = addressIn(in, r);
+        item.length = unitsOf(r, in.byte() % 32);
+        // The values stay inside the recipe buffer.
+        item.bufOffset = in.u16() % (RECIPE_BUFFER_WORDS - (r.width == 1 ? (item.length + 15) / 16 : item.length) + 1);
+        items.append(item);
+    }
+    setUp[3] = [items] { recipe(items); };
 
     // The current job first, with the state the cycle must choose for it.
-    int state = CYCLE_CYCLIC;
-    switch (current) {
-    case 0:
-        watch(s);
-        break;
-    case 1:
-        write(s);
-        state = CYCLE_WRITE;
-        break;
-    case 2:
-        conditionRead(s);
-        state = CYCLE_CONDITION;
-        break;
-    default:
+    if (current >= 3)
         runtime.setRecipeFlags(current == 3, current == 4 || bothFlags);
-        recipe(s);
-        state = current == 3 ? CYCLE_RECIPE_WRITE : CYCLE_RECIPE_READ;
-        break;
-    }
+    setUp[first]();
+    static const int states[] = {CYCLE_CYCLIC, CYCLE_WRITE, CYCLE_CONDITION, CYCLE_RECIPE_WRITE, CYCLE_RECIPE_READ};
     FRAME_PRO f;
     const bool expected = current < 2 || (current == 2 ? !driver.conditionReads.isEmpty() : !driver.rcpBlocks.isEmpty());
-    if (nextFrame(f) != expected || (expected && driver.cycleState != state))
-        fail("job %d was not made current (state %d)", current, driver.cycleState);
-
+    FUZZ_CHECK(nextFrame(f) == expected && (!expected || driver.cycleState == states[current]), "job %d, state %d",
+               current, driver.cycleState);
     // Then the rest, queued while that frame is out.
-    if (current != 0)
-        watch(s);
-    if (current != 1)
-        write(s);
-    if (current != 2)
-        conditionRead(s);
-    if (current < 3) {
-        recipe(s);
+    for (int i = 0; i < 4; ++i)
+        if (i != first)
+            setUp[i]();
+    if (current < 3)
         runtime.setRecipeFlags(!readFlag || bothFlags, readFlag || bothFlags);
-    } else if (current == 4 && bothFlags) {
+    else if (current == 4 && bothFlags)
         runtime.setRecipeFlags(1, 1); // a write asked for while a read is under way
-    }
 
     bool have = expected;
     for (int step = 0; step < 256 && !in.atEnd(); ++step) {
@@ -262,6 +130,12 @@ int runRepliesInput(const uint8_t *data, size_t size)
         const QByteArray reply = makeReply(in, have ? &f : 0, wellFormed);
         deal(in, reply, have ? &f : 0, wellFormed);
     }
-    drain(runtime);
+    // A cyclic read after every ten writes and every three condition reads;
+    // V and Z recipe blocks take a frame per word, both ways.
+    qint64 frames = driver.writeJobs.size() + driver.conditionReads.size();
+    for (const _RCP_VAR_PRO &b : driver.rcpBlocks)
+        frames += 2 * qMax(1, b.regName == QLatin1String("V") || b.regName == QLatin1String("Z") ? b.length : 1);
+    Input none(0, 0);
+    drain(none, 2 * frames + 16, &runtime);
     return 0;
 }

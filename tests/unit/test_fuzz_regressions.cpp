@@ -3,7 +3,6 @@
 // normal build, with the targets' own invariants: a fault found once stays
 // found. A broken invariant ends the process with the input's file name.
 #include "fuzz_support.h"
-#include "fuzz_targets.h"
 
 #include <gtest/gtest.h>
 
@@ -11,59 +10,32 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Target {
-    const char *name;
-    int (*body)(const uint8_t *, size_t);
-};
-
-std::vector<fs::path> keptInputs(const std::string &target)
+void replayKeptInputs(const char *target, int (*body)(const uint8_t *, size_t))
 {
     std::vector<fs::path> files;
-    for (const char *kind : {"regressions", "corpus"}) {
-        const fs::path dir = fs::path(KQ71_FUZZ_DIR) / kind / target;
-        if (!fs::is_directory(dir))
-            continue;
-        for (const fs::directory_entry &e : fs::recursive_directory_iterator(dir))
-            if (e.is_regular_file())
+    for (const char *kind : {"regressions", "corpus"})
+        if (fs::is_directory(fs::path(KQ71_FUZZ_DIR) / kind / target))
+            for (const fs::directory_entry &e : fs::directory_iterator(fs::path(KQ71_FUZZ_DIR) / kind / target))
                 files.push_back(e.path());
-    }
     std::sort(files.begin(), files.end());
-    return files;
-}
-
-std::vector<uint8_t> contents(const fs::path &file)
-{
-    std::ifstream in(file, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-class FuzzInputs : public ::testing::TestWithParam<Target> {};
-
-TEST_P(FuzzInputs, EveryKeptInputKeepsTheInvariants)
-{
-    const Target target = GetParam();
-    const std::vector<fs::path> files = keptInputs(target.name);
-    ASSERT_FALSE(files.empty()) << "no seed corpus in fuzz/corpus/" << target.name;
+    ASSERT_FALSE(files.empty()) << "no seed corpus in fuzz/corpus/" << target;
     for (const fs::path &file : files) {
         const std::string name = file.string();
-        SCOPED_TRACE(name);
-        kq71fuzz::setInputName(name.c_str());
-        const std::vector<uint8_t> bytes = contents(file);
-        EXPECT_EQ(0, target.body(bytes.data(), bytes.size()));
+        std::ifstream in(file, std::ios::binary);
+        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        kq71fuzz::inputName = name.c_str();
+        EXPECT_EQ(0, body(bytes.data(), bytes.size())) << name;
     }
-    kq71fuzz::setInputName(nullptr);
+    kq71fuzz::inputName = nullptr;
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, FuzzInputs,
-                         ::testing::Values(Target{"replies", &runRepliesInput}, Target{"calls", &runCallsInput},
-                                           Target{"editor", &runEditorInput}),
-                         [](const ::testing::TestParamInfo<Target> &info) { return std::string(info.param.name); });
+TEST(FuzzInputs, Replies) { replayKeptInputs("replies", &runRepliesInput); }
+TEST(FuzzInputs, Calls) { replayKeptInputs("calls", &runCallsInput); }
+TEST(FuzzInputs, Editor) { replayKeptInputs("editor", &runEditorInput); }
 
 } // namespace
