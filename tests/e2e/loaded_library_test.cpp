@@ -34,12 +34,14 @@ std::string loadFreshCopy(void *&handle, Api &api)
 {
     char path[] = "/tmp/kq71_e2e_XXXXXX";
     const int fd = mkstemp(path);
+    if (fd < 0)
+        return "mkstemp failed";
     std::ofstream(path, std::ios::binary) << std::ifstream(libraryPath("libvorn_kq71_ap.so"), std::ios::binary).rdbuf();
     close(fd);
-    handle = fd < 0 ? nullptr : dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
     unlink(path);
     if (!handle)
-        return fd < 0 ? "mkstemp failed" : dlerror();
+        return dlerror();
     std::string missing = dlsym(handle, "driver") ? "" : " driver";
 #define KQ71_RESOLVE(name)                                                   \
     api.name = reinterpret_cast<decltype(&::name)>(dlsym(handle, #name)); \
