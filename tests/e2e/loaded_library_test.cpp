@@ -373,7 +373,8 @@ TEST_F(OutOfContract, WritesOfAnyLength)
         FRAME_PRO f;
         const bool sent = exchange(&f) == 1;
         EXPECT_EQ(sent ? f.frame[4] << 8 | f.frame[5] : -1, w.registers) << w.reg << " " << w.length;
-        EXPECT_TRUE(!sent || f.frame[1] == 0x10) << w.reg << " " << w.length;
+        if (sent)
+            EXPECT_EQ(std::make_pair(int(f.frame[1]), f.sendLen), std::make_pair(0x10, 9 + 2 * w.registers)) << w.reg;
         EXPECT_TRUE(g_reports.empty()) << w.reg << " " << w.length;
     }
 }
