@@ -1,5 +1,6 @@
 // A runtime's UI thread reading, writing and queueing condition reads while its
-// communication thread runs the exchange: nothing crashes, no write is lost.
+// communication thread runs the exchange: nothing crashes, no write is lost,
+// and neither thread waits on the other for ever.
 #include "test_support.h"
 
 #include <atomic>
@@ -9,7 +10,7 @@ using namespace kq71test;
 
 namespace {
 
-class ThreadStress : public DriverTest {};
+using ThreadStress = DriverTest;
 
 const int WORDS = 20, BITS = 16, UI_ROUNDS = 6000, EXCHANGE_CAP = 400000;
 
@@ -21,14 +22,13 @@ bool workLeft()
 
 TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
 {
-    DebugCapture quiet(false);
+    DebugCapture quiet;
     watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
-    Recorder::get().hook = [](const Report &r) { // the runtime reads the unit inside the report
-        const auto &[device, station, reg, address] = r;
+    inReport = [](const Report &r) { // the runtime reads the unit inside the report
         unsigned char value[4];
-        QString name = QString::fromStdString(reg);
-        if (station >= 0)
-            intf_getData(station, &name, address, 1, value);
+        QString name = QString::fromStdString(std::get<2>(r));
+        if (std::get<1>(r) >= 0)
+            intf_getData(std::get<1>(r), &name, std::get<3>(r), 1, value);
     };
     std::atomic<bool> uiDone(false);
     int exchanges = 0;
@@ -43,7 +43,6 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
             answerWith(reply);
         }
     });
-
     std::vector<int> lastWord(WORDS, 0), lastBit(BITS, 0);
     QString d("D"), m("M");
     for (int i = 0; i < UI_ROUNDS; ++i) {
@@ -65,41 +64,35 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
     }
     uiDone = true;
     comm.join();
-    Recorder::get().hook = nullptr;
+    inReport = nullptr;
 
     ASSERT_LT(exchanges, EXCHANGE_CAP) << "the exchange never drained the queues";
-    for (int a = 0; a < WORDS; ++a) {
-        EXPECT_EQ(lastWord[a], plc.regs[0x4338 + a]) << "D" << a;
-        EXPECT_EQ(lastWord[a], word("D", a)) << "D" << a;
-    }
-    const Bytes bits = get(1, "M", 0, BITS, BITS);
-    for (int b = 0; b < BITS; ++b) {
-        EXPECT_EQ(lastBit[b], plc.bits[0x200 + b]) << "M" << b;
-        EXPECT_EQ(lastBit[b], bits[b]) << "M" << b;
-    }
+    const Bytes bits = get("M", 0, BITS, BITS);
+    for (int a = 0; a < WORDS; ++a)
+        EXPECT_EQ(std::make_pair(lastWord[a], lastWord[a]), std::make_pair(int(plc.regs[0x4338 + a]), word("D", a)))
+            << "D" << a;
+    for (int b = 0; b < BITS; ++b)
+        EXPECT_EQ(std::make_pair(lastBit[b], lastBit[b]), std::make_pair(plc.bits[0x200 + b], int(bits[b]))) << "M" << b;
 }
 
 // The runtime's own mutex held by its UI thread around value calls, taken
-// inside its callback, and guarding the recipe flags it raises: the two
-// threads must never wait on each other for ever.
+// inside its callback, and guarding the recipe flags it raises.
 TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
 {
-    DebugCapture quiet(false);
+    DebugCapture quiet;
     // Recursive, as a runtime whose callback may run on the thread that holds it needs.
     QMutex runtimeMutex(QMutex::Recursive);
-    int status = 0;
-    ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, "1#0#0#3#10", &runtimeMutex));
+    configure("1#0#0#3#10", &runtimeMutex);
     watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
     QVector<_RCP_VAR_PRO> items(1);
-    items[0].deviceId = 1;
-    items[0].station = 1;
+    items[0].deviceId = items[0].station = 1;
     items[0].regName = "D";
     items[0].address = 100;
     items[0].length = 4;
     intf_setRcpAddress(&items);
     std::atomic<int> inCallback(0);
     static thread_local bool onCommThread = false;
-    Recorder::get().hook = [&](const Report &) {
+    inReport = [&](const Report &) {
         QMutexLocker hold(&runtimeMutex);
         // The flags are raised on the thread that exchanges: thread checkers
         // do not see the runtime's mutex order the bytes between threads.
@@ -110,26 +103,22 @@ TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
     int exchanges = 0;
     std::thread comm([&] {
         onCommThread = true;
-        while (!uiDone && exchanges < EXCHANGE_CAP) {
-            FRAME_PRO f;
+        for (FRAME_PRO f; !uiDone && exchanges < EXCHANGE_CAP; ++exchanges)
             if (intf_getSendFrame(&f) == 1)
                 answerWith(plc.answer(f));
-            ++exchanges;
-        }
     });
     QString d("D"), m("M");
     for (int i = 0; i < UI_ROUNDS / 3; ++i) {
         QMutexLocker hold(&runtimeMutex);
-        unsigned char v[2] = {static_cast<unsigned char>(i), 0}, buf[2 * WORDS];
+        unsigned char v[2] = {static_cast<unsigned char>(i), 0}, buf[2 * WORDS], bit = i & 1;
         intf_setData(1, &d, i % WORDS, 1, v, i);
         intf_getData(1, &d, 0, WORDS, buf);
-        unsigned char bit = i & 1;
         intf_setData(1, &m, i % BITS, 1, &bit, i);
     }
     uiDone = true;
     comm.join();
-    Recorder::get().hook = nullptr;
-    intf_initProperty(shared_, nullptr, recipe_, &status, "1#0#0#3#10", nullptr); // the mutex goes out of scope
+    inReport = nullptr;
+    configure("1#0#0#3#10"); // the mutex goes out of scope
     EXPECT_GT(inCallback.load(), 0);
     EXPECT_GT(exchanges, 0);
 }
