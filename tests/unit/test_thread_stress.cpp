@@ -4,49 +4,59 @@
 #include "test_support.h"
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 using namespace kq71test;
 
 namespace {
 
-using ThreadStress = DriverTest;
-
 const int WORDS = 20, BITS = 16, UI_ROUNDS = 6000, EXCHANGE_CAP = 400000;
+thread_local bool onCommThread = false;
 
-bool workLeft()
-{
-    ServiceLock lock;
-    return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || !driver.frameQueue.isEmpty();
-}
+class ThreadStress : public DriverTest {
+protected:
+    // The communication thread: exchanges until the UI is done (and, with
+    // drain, the queues are empty); every corruptEvery-th reply is corrupted,
+    // so that its frame goes out again.
+    std::thread exchange(bool drain, int corruptEvery)
+    {
+        watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
+        return std::thread([this, drain, corruptEvery] {
+            onCommThread = true;
+            for (FRAME_PRO f; (!uiDone || (drain && workLeft())) && exchanges < EXCHANGE_CAP; ++exchanges) {
+                if (intf_getSendFrame(&f) != 1)
+                    continue;
+                QByteArray reply = plc.answer(f);
+                if (corruptEvery && exchanges % corruptEvery == 0)
+                    reply[reply.size() - 1] = char(reply.at(reply.size() - 1) ^ 0x5A);
+                answerWith(reply);
+            }
+        });
+    }
+    static bool workLeft()
+    {
+        ServiceLock lock;
+        return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || !driver.frameQueue.isEmpty();
+    }
+    std::atomic<bool> uiDone{false};
+    int exchanges = 0;
+    DebugCapture quiet;
+};
 
 TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
 {
-    DebugCapture quiet;
-    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
     inReport = [](const Report &r) { // the runtime reads the unit inside the report
         unsigned char value[4];
         QString name = QString::fromStdString(std::get<2>(r));
         if (std::get<1>(r) >= 0)
             intf_getData(std::get<1>(r), &name, std::get<3>(r), 1, value);
     };
-    std::atomic<bool> uiDone(false);
-    int exchanges = 0;
-    std::thread comm([&] {
-        while ((!uiDone || workLeft()) && exchanges < EXCHANGE_CAP) {
-            FRAME_PRO f;
-            if (intf_getSendFrame(&f) != 1)
-                continue;
-            QByteArray reply = plc.answer(f);
-            if (++exchanges % 5 == 0) // a corrupted reply now and then: the frame goes out again
-                reply[reply.size() - 1] = char(reply.at(reply.size() - 1) ^ 0x5A);
-            answerWith(reply);
-        }
-    });
+    std::thread comm = exchange(true, 5);
     std::vector<int> lastWord(WORDS, 0), lastBit(BITS, 0);
     QString d("D"), m("M");
     for (int i = 0; i < UI_ROUNDS; ++i) {
-        unsigned char v[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)};
+        unsigned char v[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)}, buf[2 * WORDS];
         intf_setData(1, &d, i % WORDS, 1, v, i);
         lastWord[i % WORDS] = i & 0xFFFF;
         if (i % 7 == 0) {
@@ -58,14 +68,12 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
             KEY_ADDRESS k = key(1, "D", 3000 + i, 4);
             intf_addConditionRead(&k, i);
         }
-        unsigned char buf[2 * WORDS];
         intf_getData(1, &d, 0, WORDS, buf);
         intf_getData(1, &d, 20000 + i, 1, buf); // ...and on this one
     }
     uiDone = true;
     comm.join();
     inReport = nullptr;
-
     ASSERT_LT(exchanges, EXCHANGE_CAP) << "the exchange never drained the queues";
     const Bytes bits = get("M", 0, BITS, BITS);
     for (int a = 0; a < WORDS; ++a)
@@ -79,19 +87,13 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
 // inside its callback, and guarding the recipe flags it raises.
 TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
 {
-    DebugCapture quiet;
     // Recursive, as a runtime whose callback may run on the thread that holds it needs.
     QMutex runtimeMutex(QMutex::Recursive);
     configure("1#0#0#3#10", &runtimeMutex);
-    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
-    QVector<_RCP_VAR_PRO> items(1);
-    items[0].deviceId = items[0].station = 1;
-    items[0].regName = "D";
-    items[0].address = 100;
-    items[0].length = 4;
+    QVector<_RCP_VAR_PRO> items{named<_RCP_VAR_PRO>(1, "D", 100, 4)};
+    items[0].deviceId = 1;
     intf_setRcpAddress(&items);
     std::atomic<int> inCallback(0);
-    static thread_local bool onCommThread = false;
     inReport = [&](const Report &) {
         QMutexLocker hold(&runtimeMutex);
         // The flags are raised on the thread that exchanges: thread checkers
@@ -99,14 +101,7 @@ TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
         if (++inCallback % 40 == 0 && onCommThread)
             shared_[KQ71_RECIPE_WRITE_FLAG + (inCallback / 40) % 2] = 1;
     };
-    std::atomic<bool> uiDone(false);
-    int exchanges = 0;
-    std::thread comm([&] {
-        onCommThread = true;
-        for (FRAME_PRO f; !uiDone && exchanges < EXCHANGE_CAP; ++exchanges)
-            if (intf_getSendFrame(&f) == 1)
-                answerWith(plc.answer(f));
-    });
+    std::thread comm = exchange(false, 0);
     QString d("D"), m("M");
     for (int i = 0; i < UI_ROUNDS / 3; ++i) {
         QMutexLocker hold(&runtimeMutex);
@@ -121,6 +116,24 @@ TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
     configure("1#0#0#3#10"); // the mutex goes out of scope
     EXPECT_GT(inCallback.load(), 0);
     EXPECT_GT(exchanges, 0);
+}
+
+// The driver's lock, recursive for its holder, keeps every other thread out.
+TEST_F(ThreadStress, DriverLockKeepsOtherThreadsOut)
+{
+    std::atomic<bool> entered(false);
+    std::thread other;
+    {
+        ServiceLock held, again;
+        other = std::thread([&] {
+            ServiceLock lock;
+            entered = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(entered) << "two threads held the driver's lock at once";
+    }
+    other.join();
+    EXPECT_TRUE(entered);
 }
 
 } // namespace

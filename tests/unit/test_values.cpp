@@ -64,13 +64,18 @@ TEST_F(Cache, OneCyclicReadFillsTheCacheAndReportsChangedUnitsOfEveryFamily)
     EXPECT_EQ((Bytes{0x00, 0x12, 0, 0, 0, 0}), get("V", 0, 3, 6));
 }
 
-TEST_F(Writes, WriteIsMirroredAtOnceSentAsOneFrameAndBecomesTheReadValueOnTheAck)
+// A write shows at once; it outlives a reply that does not change the PLC's
+// value, a changed reply shows, and the acknowledgement installs the write.
+TEST_F(Writes, WriteIsMirroredAtOnceOutlivesStaleRepliesAndIsInstalledByTheAck)
 {
     watch({key(1, "D", 100, 1)});
     set("D", 100, 2, {0x34, 0x12, 0x78, 0x56}, 7);
     EXPECT_EQ(reportsOf("D", {100}), reports()); // D101 is not watched
+    replyOfWords(100, {0, 0});
     EXPECT_EQ((Bytes{0x34, 0x12, 0x78, 0x56}), get("D", 100, 2, 4));
-    EXPECT_EQ(1, unit("D", 101).writePending);
+    replyOfWords(100, {9, 0}); // a read reply that overtook the write
+    EXPECT_EQ((Bytes{9, 0, 0x78, 0x56}), get("D", 100, 2, 4));
+    EXPECT_EQ(std::make_pair(0, 1), std::make_pair(int(unit("D", 100).writePending), int(unit("D", 101).writePending)));
     FRAME_PRO f;
     EXPECT_EQ(1, step(&f));
     EXPECT_EQ(std::make_tuple(CYCLE_WRITE, 7), std::make_tuple(CycleState(driver.cycleState), f.var.id));
@@ -78,27 +83,14 @@ TEST_F(Writes, WriteIsMirroredAtOnceSentAsOneFrameAndBecomesTheReadValueOnTheAck
     EXPECT_EQ((std::map<int, quint16>{{D100, 0x1234}, {D100 + 1, 0x5678}}), plc.regs);
     EXPECT_EQ(0, unit("D", 101).writePending);
     EXPECT_EQ((Bytes{0x34, 0x12, 0x78, 0x56}), get("D", 100, 2, 4));
+    reports();
     ASSERT_EQ(1, step()); // the PLC holds the written values now: nothing changed
     EXPECT_TRUE(reports().empty());
     set("X", 0, 3, {1, 0, 1}); // bits report when they change, watched or not
     EXPECT_EQ(reportsOf("X", {0, 2}), reports());
-}
-
-// A pending written value outlives a reply that does not change the PLC's
-// value; a changed reply shows, and the acknowledgement installs the write.
-TEST_F(Writes, PendingValueOutlivesStaleRepliesUntilTheAcknowledgement)
-{
-    for (const char *property : {"1#1#0#3#10", "1#0#0#3#10"}) { // cache-only writes first: no write job
-        configure(property);
-        set("D", 100, 1, {7, 0});
-        EXPECT_EQ(property[2] == '1', driver.writeJobs.isEmpty());
-        replyOfWords(100, {0});
-        EXPECT_EQ(7, word("D", 100));
-        replyOfWords(100, {9}); // a read reply that overtook the write
-        EXPECT_EQ(9, word("D", 100));
-    }
-    ASSERT_EQ(1, step());
-    EXPECT_EQ(7, word("D", 100));
+    configure("1#1#0#3#10"); // cache-only writes: shown and pending, nothing goes out
+    set("D", 100, 1, {7, 0});
+    EXPECT_EQ(std::make_tuple(true, 7, 1), std::make_tuple(driver.writeJobs.isEmpty(), word("D", 100), int(unit("D", 100).writePending)));
 }
 
 // Writes of every size reach the PLC whole: pieces by the configured limit,
@@ -132,31 +124,48 @@ TEST_F(Writes, EveryValueOfAWriteReachesThePlcAndTheCache)
     }
 }
 
-TEST_F(Writes, GivenUpWriteFallsBackToTheReadValueAndReportsEvenWhenNothingChanges)
+// A given-up write falls back to the value read and reports every unit it
+// named, even when nothing would change; inside the report the runtime reads
+// the fallen-back value. A bit of a word never read falls back the same way
+// when the read it waits for is given up.
+TEST_F(Writes, GivenUpWriteFallsBackToTheReadValueAndReports)
 {
-    for (int written : {7, 5}) {
-        configure("1#0#0#1#10");
+    const struct { const char *reg; int address, length; Bytes values; bool readFirst; int function; Reports reported; } cases[] = {
+        {"D", 100, 1, {7, 0}, true, 0x06, reportsOf("D", {100})},
+        {"D", 100, 1, {0, 1}, true, 0x06, reportsOf("D", {100})}, // the value the PLC holds
+        {"X", 4, 2, {1, 1}, true, 0x0F, reportsOf("X", {4, 5})},  // bits: every unit, watched or not
+        {"D_bit", 1605, 1, {1}, true, 0x06, {{1, 1, "D", 100}, {1, 1, "D_bit", 1605}}},
+        {"D_bit", 1605, 1, {1}, false, 0x03, {{1, 1, "D", 100}, {1, 1, "D_bit", 1605}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.reg) + (c.readFirst ? "" : ", word never read"));
+        configure("1#0#0#2#10");
         watch({key(1, "D", 100, 1)});
-        plc.regs[D100] = 5;
-        ASSERT_EQ(1, step());
-        set("D", 100, 1, {Bytes::value_type(written), 0});
+        plc.regs[D100] = 0x0100;
+        if (c.readFirst)
+            ASSERT_EQ(1, step());
+        set(c.reg, c.address, c.length, c.values);
         reports();
-        std::vector<int> seen; // what the runtime reads inside the report
-        inReport = [&](const Report &) { seen.push_back(word("D", 100)); };
-        nextFrame();
-        EXPECT_EQ(2, answerWith(WRITE_REFUSED));
+        auto shown = [&](const Report &r) {
+            return get(QString::fromStdString(std::get<2>(r)), std::get<3>(r), 1, std::get<2>(r) == "D" ? 2 : 1);
+        };
+        std::vector<Bytes> seen; // what the runtime reads inside the reports
+        inReport = [&](const Report &r) { seen.push_back(shown(r)); };
+        EXPECT_EQ(c.function, nextFrame().frame[1]);
+        const QByteArray refusal = c.function == 0x03 ? READ_REFUSED : WRITE_REFUSED;
+        EXPECT_EQ(8, answerWith(refusal));
+        EXPECT_EQ(2, answerWith(refusal));
         inReport = nullptr;
-        EXPECT_EQ(reportsOf("D", {100}), reports()) << written;
-        EXPECT_EQ(std::vector<int>{5}, seen) << written;
-        EXPECT_EQ(0, unit("D", 100).writePending);
+        const Reports reported = reports();
+        EXPECT_EQ(c.reported, reported);
+        for (size_t i = 0; i < seen.size(); ++i)
+            EXPECT_EQ(shown(reported.at(i)), seen[i]) << "inside report " << i;
+        EXPECT_EQ(std::make_pair(c.readFirst ? 0x0100 : 0, Bytes{0, 0}), std::make_pair(word("D", 100), get("X", 4, 2, 2)));
         EXPECT_TRUE(driver.writeJobs.isEmpty());
+        set(c.reg, c.address, c.length, c.values, 9); // the next write goes out as the first did
+        const FRAME_PRO again = nextFrame();
+        EXPECT_EQ(std::make_pair(c.function, 9), std::make_pair(int(again.frame[1]), again.var.id));
     }
-    set("X", 4, 2, {1, 1}); // bits: every unit, watched or not
-    reports();
-    nextFrame();
-    EXPECT_EQ(2, answerWith(WRITE_REFUSED));
-    EXPECT_EQ(reportsOf("X", {4, 5}), reports());
-    EXPECT_EQ((Bytes{0, 0}), get("X", 4, 2, 2));
 }
 
 TEST_F(BitsInWords, WatchedBitsReportOncePerChangedBitInAscendingOrder)
@@ -239,29 +248,6 @@ TEST_F(BitsInWords, BitsWrittenAfterAWriteWasBuiltWaitForTheirOwnWrite)
     }
 }
 
-TEST_F(BitsInWords, GivenUpBitsFallBackAndReportLikeAnyGivenUpWrite)
-{
-    for (bool readFirst : {true, false}) { // given up: the write, or the read it waits for
-        SCOPED_TRACE(readFirst);
-        configure("1#0#0#2#10");
-        watch({key(1, "D", 100, 1)});
-        plc.regs[D100] = 0x0100;
-        if (readFirst)
-            ASSERT_EQ(1, step());
-        set("D_bit", 1605, 1, {1});
-        const int before = word("D", 100);
-        reports();
-        EXPECT_EQ(readFirst ? 0x06 : 0x03, nextFrame().frame[1]);
-        const QByteArray refusal = readFirst ? WRITE_REFUSED : READ_REFUSED;
-        EXPECT_EQ(8, answerWith(refusal));
-        EXPECT_EQ(2, answerWith(refusal));
-        EXPECT_EQ((Reports{{1, 1, "D", 100}, {1, 1, "D_bit", 1605}}), reports());
-        EXPECT_EQ(before & ~0x20, word("D", 100));
-        EXPECT_EQ(0, unit("D", 100).writePending);
-        EXPECT_TRUE(driver.writeJobs.isEmpty());
-    }
-}
-
 TEST_F(BitsInWords, BitOfAWordNeverReadIsWrittenAfterTheWordIsRead)
 {
     plc.regs = {{D100, 0x1234}, {D100 + 1, 0x0001}};
@@ -309,6 +295,8 @@ TEST_F(BitsInWords, EveryWordRegisterTakesBitsAndOtherRegistersRefuseThem)
         intf_getSendFrame(&f);
         EXPECT_EQ(Reports({{-1, -1, "-1", -1}}), reports());
     }
+    // No word register before the suffix: an unknown name like any other, not a refused one.
+    EXPECT_EQ(Bytes(2, 0), get("_bit", 0, 1, 2));
 }
 
 } // namespace
