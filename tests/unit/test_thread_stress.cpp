@@ -1,6 +1,5 @@
 // A runtime's UI thread reading, writing and queueing condition reads while its
-// communication thread runs the exchange: nothing crashes, no write is lost,
-// and neither thread waits on the other for ever.
+// communication thread runs the exchange, and the driver's lock between them.
 #include "test_support.h"
 
 #include <atomic>
@@ -14,48 +13,59 @@ namespace {
 const int WORDS = 20, BITS = 16, UI_ROUNDS = 6000, EXCHANGE_CAP = 400000;
 thread_local bool onCommThread = false;
 
-class ThreadStress : public DriverTest {
-protected:
-    // The communication thread: exchanges until the UI is done (and, with
-    // drain, the queues are empty); every corruptEvery-th reply is corrupted,
-    // so that its frame goes out again.
-    std::thread exchange(bool drain, int corruptEvery)
-    {
-        watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
-        return std::thread([this, drain, corruptEvery] {
-            onCommThread = true;
-            for (FRAME_PRO f; (!uiDone || (drain && workLeft())) && exchanges < EXCHANGE_CAP; ++exchanges) {
-                if (intf_getSendFrame(&f) != 1)
-                    continue;
-                QByteArray reply = plc.answer(f);
-                if (corruptEvery && exchanges % corruptEvery == 0)
-                    reply[reply.size() - 1] = char(reply.at(reply.size() - 1) ^ 0x5A);
-                answerWith(reply);
-            }
-        });
-    }
-    static bool workLeft()
-    {
-        ServiceLock lock;
-        return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || !driver.frameQueue.isEmpty();
-    }
-    std::atomic<bool> uiDone{false};
-    int exchanges = 0;
-    DebugCapture quiet;
-};
+using ThreadStress = DriverTest;
 
-TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
+bool workLeft()
 {
-    inReport = [](const Report &r) { // the runtime reads the unit inside the report
+    ServiceLock lock;
+    return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || !driver.frameQueue.isEmpty();
+}
+
+// The UI thread holds the runtime's own mutex around its calls; the callback,
+// on either thread, takes it too, reads the unit reported and raises the
+// recipe flags it guards. The communication thread exchanges, with a corrupted
+// reply now and then (its frame goes out again), until the UI is done and the
+// queues are drained: neither thread waits for ever, and no write is lost.
+TEST_F(ThreadStress, UiCallsUnderTheRuntimesMutexAgainstRunningExchange)
+{
+    DebugCapture quiet;
+    QMutex runtimeMutex(QMutex::Recursive); // a callback may run on the thread that holds it
+    configure("1#0#0#3#10", &runtimeMutex);
+    // D 50 changes in the PLC at every exchange: reports come from this thread too.
+    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT), key(1, "D", 50, 1)});
+    QVector<_RCP_VAR_PRO> items{named<_RCP_VAR_PRO>(1, "D", 100, 4)};
+    items[0].deviceId = 1;
+    intf_setRcpAddress(&items);
+    int commReports = 0;
+    inReport = [&](const Report &r) {
+        QMutexLocker hold(&runtimeMutex);
         unsigned char value[4];
         QString name = QString::fromStdString(std::get<2>(r));
         if (std::get<1>(r) >= 0)
             intf_getData(std::get<1>(r), &name, std::get<3>(r), 1, value);
+        // Raised on the thread that exchanges: thread checkers do not see the
+        // runtime's mutex order the bytes between threads.
+        if (onCommThread && ++commReports % 20 == 0)
+            shared_[KQ71_RECIPE_WRITE_FLAG + (commReports / 20) % 2] = 1;
     };
-    std::thread comm = exchange(true, 5);
+    std::atomic<bool> uiDone(false);
+    int exchanges = 0;
+    std::thread comm([&] {
+        onCommThread = true;
+        for (FRAME_PRO f; (!uiDone || workLeft()) && exchanges < EXCHANGE_CAP; ++exchanges) {
+            if (intf_getSendFrame(&f) != 1)
+                continue;
+            ++plc.regs[0x4338 + 50];
+            QByteArray reply = plc.answer(f);
+            if (exchanges % 5 == 0)
+                reply[reply.size() - 1] = char(reply.at(reply.size() - 1) ^ 0x5A);
+            answerWith(reply);
+        }
+    });
     std::vector<int> lastWord(WORDS, 0), lastBit(BITS, 0);
     QString d("D"), m("M");
     for (int i = 0; i < UI_ROUNDS; ++i) {
+        QMutexLocker hold(&runtimeMutex);
         unsigned char v[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)}, buf[2 * WORDS];
         intf_setData(1, &d, i % WORDS, 1, v, i);
         lastWord[i % WORDS] = i & 0xFFFF;
@@ -75,47 +85,14 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
     comm.join();
     inReport = nullptr;
     ASSERT_LT(exchanges, EXCHANGE_CAP) << "the exchange never drained the queues";
+    EXPECT_GT(commReports, 40);
     const Bytes bits = get("M", 0, BITS, BITS);
     for (int a = 0; a < WORDS; ++a)
         EXPECT_EQ(std::make_pair(lastWord[a], lastWord[a]), std::make_pair(int(plc.regs[0x4338 + a]), word("D", a)))
             << "D" << a;
     for (int b = 0; b < BITS; ++b)
         EXPECT_EQ(std::make_pair(lastBit[b], lastBit[b]), std::make_pair(plc.bits[0x200 + b], int(bits[b]))) << "M" << b;
-}
-
-// The runtime's own mutex held by its UI thread around value calls, taken
-// inside its callback, and guarding the recipe flags it raises.
-TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
-{
-    // Recursive, as a runtime whose callback may run on the thread that holds it needs.
-    QMutex runtimeMutex(QMutex::Recursive);
-    configure("1#0#0#3#10", &runtimeMutex);
-    QVector<_RCP_VAR_PRO> items{named<_RCP_VAR_PRO>(1, "D", 100, 4)};
-    items[0].deviceId = 1;
-    intf_setRcpAddress(&items);
-    std::atomic<int> inCallback(0);
-    inReport = [&](const Report &) {
-        QMutexLocker hold(&runtimeMutex);
-        // The flags are raised on the thread that exchanges: thread checkers
-        // do not see the runtime's mutex order the bytes between threads.
-        if (++inCallback % 40 == 0 && onCommThread)
-            shared_[KQ71_RECIPE_WRITE_FLAG + (inCallback / 40) % 2] = 1;
-    };
-    std::thread comm = exchange(false, 0);
-    QString d("D"), m("M");
-    for (int i = 0; i < UI_ROUNDS / 3; ++i) {
-        QMutexLocker hold(&runtimeMutex);
-        unsigned char v[2] = {static_cast<unsigned char>(i), 0}, buf[2 * WORDS], bit = i & 1;
-        intf_setData(1, &d, i % WORDS, 1, v, i);
-        intf_getData(1, &d, 0, WORDS, buf);
-        intf_setData(1, &m, i % BITS, 1, &bit, i);
-    }
-    uiDone = true;
-    comm.join();
-    inReport = nullptr;
     configure("1#0#0#3#10"); // the mutex goes out of scope
-    EXPECT_GT(inCallback.load(), 0);
-    EXPECT_GT(exchanges, 0);
 }
 
 // The driver's lock, recursive for its holder, keeps every other thread out.
