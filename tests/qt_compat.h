@@ -30,16 +30,6 @@ const Qt::SplitBehavior SKIP_EMPTY_PARTS = Qt::SkipEmptyParts;
 const QString::SplitBehavior SKIP_EMPTY_PARTS = QString::SkipEmptyParts;
 #endif
 
-// A Qt container from an iterator range (Qt 4's have no such constructor).
-template <class Container, class Iterator>
-Container qtContainer(Iterator first, Iterator last)
-{
-    Container c;
-    for (; first != last; ++first)
-        c.append(typename Container::value_type(*first));
-    return c;
-}
-
 // Qt 4 and Qt 5 install message handlers of different types; the tests route
 // Qt's messages to a sink of one type through this, on either Qt.
 typedef void (*MessageSink)(QtMsgType type, const QString &message);

@@ -9,12 +9,10 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QMutex>
-#include <QtCore/QString>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -33,7 +31,6 @@ inline Bytes hexBytes(const char *text)
     const QByteArray b = QByteArray::fromHex(QByteArray(text));
     return Bytes(b.begin(), b.end());
 }
-using kq71test::hexText;
 inline Bytes withCrc(Bytes b)
 {
     const unsigned short crc = computate_check(b.data(), static_cast<unsigned short>(b.size()));
@@ -44,62 +41,40 @@ inline Bytes withCrc(Bytes b)
 inline QByteArray toQt(const Bytes &b) { return QByteArray(reinterpret_cast<const char *>(b.data()), int(b.size())); }
 inline Bytes sentBytes(const FRAME_PRO &f) { return Bytes(f.frame, f.frame + f.sendLen); }
 
+// A record naming units: KEY_ADDRESS, VARIABLE or _RCP_VAR_PRO.
+template <class T> T named(int station, const QString &reg, int address, int length)
+{
+    T r;
+    r.station = station;
+    r.regName = reg;
+    r.address = address;
+    r.length = length;
+    return r;
+}
 inline KEY_ADDRESS key(int station, const QString &reg, int address, int length, int dataType = 0)
 {
-    KEY_ADDRESS k;
-    k.station = station;
-    k.regName = reg;
-    k.address = address;
-    k.length = length;
+    KEY_ADDRESS k = named<KEY_ADDRESS>(station, reg, address, length);
     k.dataType = dataType;
     return k;
 }
-inline VARIABLE job(const QString &reg, int address, int length, int station = 1)
-{
-    VARIABLE v;
-    v.station = station;
-    v.regName = reg;
-    v.address = address;
-    v.length = length;
-    return v;
-}
-// The request the builders lay down for v; sendLen -1 when refused (a refusal leaves the record alone).
-inline FRAME_PRO frameFor(const VARIABLE &v, bool write)
-{
-    FRAME_PRO f;
-    f.sendLen = -1;
-    write ? buildWriteFrame(v, f) : buildReadFrame(v, f);
-    return f;
-}
+inline VARIABLE job(const QString &reg, int address, int length) { return named<VARIABLE>(1, reg, address, length); }
 
 // One call of the value-change callback: deviceId, station, register, address.
 using Report = std::tuple<int, int, std::string, int>;
 using Reports = std::vector<Report>;
-
-// Records every report; the hook runs inside the report, as a runtime's code would.
-struct Recorder {
-    std::mutex mu;
-    Reports reports;
-    std::function<void(const Report &)> hook;
-
-    static Recorder &get()
+inline std::mutex reportsMutex;
+inline Reports recorded;
+inline std::function<void(const Report &)> inReport; // runs inside a report, as a runtime's code would
+inline void recordReport(int deviceId, int station, const QString &regName, int address)
+{
+    const Report r{deviceId, station, regName.toStdString(), address};
     {
-        static Recorder r;
-        return r;
+        std::lock_guard<std::mutex> g(reportsMutex);
+        recorded.push_back(r);
     }
-    static void callback(int deviceId, int station, const QString &regName, int address)
-    {
-        const Report rep{deviceId, station, regName.toStdString(), address};
-        std::function<void(const Report &)> hook;
-        {
-            std::lock_guard<std::mutex> g(get().mu);
-            get().reports.push_back(rep);
-            hook = get().hook;
-        }
-        if (hook)
-            hook(rep);
-    }
-};
+    if (inReport)
+        inReport(r);
+}
 
 // A flat Modbus memory by wire address, independent of the driver's register
 // mapping: tests state where a value must land in the PLC.
@@ -117,15 +92,14 @@ struct FakePlc {
             r[2] = (count + 7) / 8;
             for (int i = 0; i < count; ++i)
                 r[3 + i / 8] |= (bits[addr + i] ? 1 : 0) << (i % 8);
-            return toQt(withCrc(r));
-        }
-        if (fn == 0x03) {
+        } else if (fn == 0x03) {
             r.push_back(2 * count);
             for (int i = 0; i < count; ++i) {
                 r.push_back(regs[addr + i] >> 8);
                 r.push_back(regs[addr + i] & 0xFF);
             }
-            return toQt(withCrc(r));
+        } else {
+            r.assign(q, q + 6); // acknowledgement
         }
         if (fn == 0x05)
             bits[addr] = q[4] == 0xFF;
@@ -135,56 +109,40 @@ struct FakePlc {
             bits[addr + i] = (q[7 + i / 8] >> (i % 8)) & 1;
         for (int i = 0; fn == 0x10 && i < count; ++i)
             regs[addr + i] = quint16(q[7 + 2 * i] << 8 | q[8 + 2 * i]);
-        return toQt(withCrc(Bytes(q, q + 6))); // acknowledgement
+        return toQt(withCrc(r));
     }
 };
 
-// Captures Qt debug lines without the quotes of the debug stream (or drops them).
-class DebugCapture {
-public:
-    explicit DebugCapture(bool keep = true) : prev_(kq71test::installMessageSink(&handler))
+// The driver's debug lines, without the quotes of the debug stream, kept off the test's output.
+struct DebugCapture {
+    DebugCapture() : prev(installMessageSink(&keep)) { lines().clear(); }
+    ~DebugCapture() { installMessageSink(prev); }
+    static std::vector<std::string> &lines()
     {
-        lines().clear();
-        keeping() = keep;
+        static std::vector<std::string> l;
+        return l;
     }
-    ~DebugCapture() { kq71test::installMessageSink(prev_); }
-    std::vector<std::string> startingWith(const std::string &prefix) const
-    {
-        std::vector<std::string> out;
-        for (const std::string &l : lines())
-            if (l.compare(0, prefix.size(), prefix) == 0)
-                out.push_back(l);
-        return out;
-    }
-
-private:
-    static std::vector<std::string> &lines() { static std::vector<std::string> l; return l; }
-    static bool &keeping() { static bool k; return k; }
-    static void handler(QtMsgType type, const QString &msg)
+    static void keep(QtMsgType type, const QString &msg)
     {
         static std::mutex mu;
         std::lock_guard<std::mutex> g(mu);
         const QString t = msg.trimmed();
-        if (type == QtDebugMsg && keeping())
+        if (type == QtDebugMsg)
             lines().push_back((t.startsWith(QLatin1Char('"')) ? t.mid(1, t.size() - 2) : t).toStdString());
     }
-    kq71test::MessageSink prev_;
+    MessageSink prev;
 };
 
 class DriverTest : public ::testing::Test {
 protected:
     void SetUp() override { configure("1#0#0#3#10"); }
-    void TearDown() override
-    {
-        Recorder::get().hook = nullptr;
-        intf_setAddrValueChangeCallBack(nullptr);
-    }
+    void TearDown() override { inReport = nullptr; }
 
     // Property text: deviceId#cacheOnlyWrites#-#retryLimit#mergeGap.
-    void configure(const std::string &property)
+    void configure(const std::string &property, QMutex *runtimeMutex = nullptr)
     {
         static Bytes sharedMem(KQ71_SHARED_MEM_MIN + 16), recipeBuf(8192); // outlive every test
-        static QMutex runtimeMutex;
+        static QMutex ownMutex;
         std::fill(sharedMem.begin(), sharedMem.end(), 0);
         std::fill(recipeBuf.begin(), recipeBuf.end(), 0);
         shared_ = sharedMem.data();
@@ -193,43 +151,46 @@ protected:
             ServiceLock lock; // the recipe survives initialisation; a test starts without one
             driver.resetAll();
         }
-        intf_setAddrValueChangeCallBack(&Recorder::callback);
+        intf_setAddrValueChangeCallBack(&recordReport);
         int status = -1;
-        ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, property.c_str(), &runtimeMutex));
+        ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, property.c_str(),
+                                       runtimeMutex ? runtimeMutex : &ownMutex));
         reports();
     }
     Reports reports()
     {
-        std::lock_guard<std::mutex> g(Recorder::get().mu);
+        std::lock_guard<std::mutex> g(reportsMutex);
         Reports out;
-        out.swap(Recorder::get().reports);
+        out.swap(recorded);
         return out;
     }
     int watch(const std::vector<KEY_ADDRESS> &keys)
     {
-        QList<KEY_ADDRESS> list = kq71test::qtContainer<QList<KEY_ADDRESS>>(keys.begin(), keys.end());
+        QList<KEY_ADDRESS> list;
+        for (const KEY_ADDRESS &k : keys)
+            list.append(k);
         return intf_addrMerge(&list);
     }
     // intf_getData of `bytes` bytes; guard bytes after them must stay untouched.
-    Bytes get(int station, QString reg, int address, int length, int bytes)
+    Bytes get(QString reg, int address, int length, int bytes)
     {
         Bytes out(bytes + 4, 0xEE);
-        EXPECT_EQ(1, intf_getData(station, &reg, address, length, out.data()));
+        EXPECT_EQ(1, intf_getData(1, &reg, address, length, out.data()));
         EXPECT_EQ(Bytes(4, 0xEE), Bytes(out.begin() + bytes, out.end())) << "written past the values";
         out.resize(bytes);
         return out;
     }
     int word(const QString &reg, int address)
     {
-        const Bytes b = get(1, reg, address, 1, 2);
+        const Bytes b = get(reg, address, 1, 2);
         return b[0] | b[1] << 8;
     }
-    void set(int station, QString reg, int address, int length, Bytes values, int id = 1)
+    void set(QString reg, int address, int length, Bytes values, int id = 1)
     {
         values.resize(std::max<size_t>(values.size(), 4096), 0);
-        EXPECT_EQ(1, intf_setData(station, &reg, address, length, values.data(), id));
+        EXPECT_EQ(1, intf_setData(1, &reg, address, length, values.data(), id));
     }
-    int pending(const QString &reg, int a) { return driver.dataAreas.at(getIndexOfDataArea(1, reg, a)).writePending; }
+    const _DATA_ &unit(const QString &reg, int a) { return driver.dataAreas.at(getIndexOfDataArea(1, reg, a)); }
     FRAME_PRO nextFrame()
     {
         FRAME_PRO f;
@@ -251,13 +212,24 @@ protected:
             *sent = f;
         return answerWith(plc.answer(f));
     }
-    int runUntilIdle(int limit = 5000)
+    int runUntilIdle()
     {
         int n = 0;
-        while (n < limit && step() >= 0)
+        while (n < 5000 && step() >= 0)
             ++n;
-        EXPECT_LT(n, limit) << "the cycle never went idle";
+        EXPECT_LT(n, 5000) << "the cycle never went idle";
         return n;
+    }
+    // A read reply of D address.. decoded as the cycle decodes one.
+    void replyOfWords(int address, const std::vector<quint16> &values)
+    {
+        Bytes r{1, 3, quint8(2 * values.size())};
+        for (quint16 v : values) {
+            r.push_back(v >> 8);
+            r.push_back(v & 0xFF);
+        }
+        ServiceLock lock;
+        analyzeFrameOfVal(toQt(withCrc(r)), int(values.size()), 3, job("D", address, int(values.size())));
     }
 
     FakePlc plc;

@@ -1,17 +1,19 @@
 // A runtime's UI thread reading, writing and queueing condition reads while its
-// communication thread runs the exchange: nothing crashes, no write is lost.
+// communication thread runs the exchange, and the driver's lock between them.
 #include "test_support.h"
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 using namespace kq71test;
 
 namespace {
 
-class ThreadStress : public DriverTest {};
-
 const int WORDS = 20, BITS = 16, UI_ROUNDS = 6000, EXCHANGE_CAP = 400000;
+thread_local bool onCommThread = false;
+
+using ThreadStress = DriverTest;
 
 bool workLeft()
 {
@@ -19,35 +21,52 @@ bool workLeft()
     return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || !driver.frameQueue.isEmpty();
 }
 
-TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
+// The UI thread holds the runtime's own mutex around its calls; the callback,
+// on either thread, takes it too, reads the unit reported and raises the
+// recipe flags it guards. The communication thread exchanges, with a corrupted
+// reply now and then (its frame goes out again), until the UI is done and the
+// queues are drained: neither thread waits for ever, and no write is lost.
+TEST_F(ThreadStress, UiCallsUnderTheRuntimesMutexAgainstRunningExchange)
 {
-    DebugCapture quiet(false);
-    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
-    Recorder::get().hook = [](const Report &r) { // the runtime reads the unit inside the report
-        const auto &[device, station, reg, address] = r;
+    DebugCapture quiet;
+    QMutex runtimeMutex(QMutex::Recursive); // a callback may run on the thread that holds it
+    configure("1#0#0#3#10", &runtimeMutex);
+    // D 50 changes in the PLC at every exchange: reports come from this thread too.
+    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT), key(1, "D", 50, 1)});
+    QVector<_RCP_VAR_PRO> items{named<_RCP_VAR_PRO>(1, "D", 100, 4)};
+    items[0].deviceId = 1;
+    intf_setRcpAddress(&items);
+    int commReports = 0;
+    inReport = [&](const Report &r) {
+        QMutexLocker hold(&runtimeMutex);
         unsigned char value[4];
-        QString name = QString::fromStdString(reg);
-        if (station >= 0)
-            intf_getData(station, &name, address, 1, value);
+        QString name = QString::fromStdString(std::get<2>(r));
+        if (std::get<1>(r) >= 0)
+            intf_getData(std::get<1>(r), &name, std::get<3>(r), 1, value);
+        // Raised on the thread that exchanges: thread checkers do not see the
+        // runtime's mutex order the bytes between threads.
+        if (onCommThread && ++commReports % 20 == 0)
+            shared_[KQ71_RECIPE_WRITE_FLAG + (commReports / 20) % 2] = 1;
     };
     std::atomic<bool> uiDone(false);
     int exchanges = 0;
     std::thread comm([&] {
-        while ((!uiDone || workLeft()) && exchanges < EXCHANGE_CAP) {
-            FRAME_PRO f;
+        onCommThread = true;
+        for (FRAME_PRO f; (!uiDone || workLeft()) && exchanges < EXCHANGE_CAP; ++exchanges) {
             if (intf_getSendFrame(&f) != 1)
                 continue;
+            ++plc.regs[0x4338 + 50];
             QByteArray reply = plc.answer(f);
-            if (++exchanges % 5 == 0) // a corrupted reply now and then: the frame goes out again
+            if (exchanges % 5 == 0)
                 reply[reply.size() - 1] = char(reply.at(reply.size() - 1) ^ 0x5A);
             answerWith(reply);
         }
     });
-
     std::vector<int> lastWord(WORDS, 0), lastBit(BITS, 0);
     QString d("D"), m("M");
     for (int i = 0; i < UI_ROUNDS; ++i) {
-        unsigned char v[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)};
+        QMutexLocker hold(&runtimeMutex);
+        unsigned char v[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)}, buf[2 * WORDS];
         intf_setData(1, &d, i % WORDS, 1, v, i);
         lastWord[i % WORDS] = i & 0xFFFF;
         if (i % 7 == 0) {
@@ -59,79 +78,39 @@ TEST_F(ThreadStress, UiCallsAgainstRunningExchange)
             KEY_ADDRESS k = key(1, "D", 3000 + i, 4);
             intf_addConditionRead(&k, i);
         }
-        unsigned char buf[2 * WORDS];
         intf_getData(1, &d, 0, WORDS, buf);
         intf_getData(1, &d, 20000 + i, 1, buf); // ...and on this one
     }
     uiDone = true;
     comm.join();
-    Recorder::get().hook = nullptr;
-
+    inReport = nullptr;
     ASSERT_LT(exchanges, EXCHANGE_CAP) << "the exchange never drained the queues";
-    for (int a = 0; a < WORDS; ++a) {
-        EXPECT_EQ(lastWord[a], plc.regs[0x4338 + a]) << "D" << a;
-        EXPECT_EQ(lastWord[a], word("D", a)) << "D" << a;
-    }
-    const Bytes bits = get(1, "M", 0, BITS, BITS);
-    for (int b = 0; b < BITS; ++b) {
-        EXPECT_EQ(lastBit[b], plc.bits[0x200 + b]) << "M" << b;
-        EXPECT_EQ(lastBit[b], bits[b]) << "M" << b;
-    }
+    EXPECT_GT(commReports, 40);
+    const Bytes bits = get("M", 0, BITS, BITS);
+    for (int a = 0; a < WORDS; ++a)
+        EXPECT_EQ(std::make_pair(lastWord[a], lastWord[a]), std::make_pair(int(plc.regs[0x4338 + a]), word("D", a)))
+            << "D" << a;
+    for (int b = 0; b < BITS; ++b)
+        EXPECT_EQ(std::make_pair(lastBit[b], lastBit[b]), std::make_pair(plc.bits[0x200 + b], int(bits[b]))) << "M" << b;
+    configure("1#0#0#3#10"); // the mutex goes out of scope
 }
 
-// The runtime's own mutex held by its UI thread around value calls, taken
-// inside its callback, and guarding the recipe flags it raises: the two
-// threads must never wait on each other for ever.
-TEST_F(ThreadStress, RuntimeMutexAroundCallsAndInTheCallbackNeverDeadlocks)
+// The driver's lock, recursive for its holder, keeps every other thread out.
+TEST_F(ThreadStress, DriverLockKeepsOtherThreadsOut)
 {
-    DebugCapture quiet(false);
-    // Recursive, as a runtime whose callback may run on the thread that holds it needs.
-    QMutex runtimeMutex(QMutex::Recursive);
-    int status = 0;
-    ASSERT_EQ(1, intf_initProperty(shared_, nullptr, recipe_, &status, "1#0#0#3#10", &runtimeMutex));
-    watch({key(1, "D", 0, WORDS), key(1, "M", 0, BITS, BIT)});
-    QVector<_RCP_VAR_PRO> items(1);
-    items[0].deviceId = 1;
-    items[0].station = 1;
-    items[0].regName = "D";
-    items[0].address = 100;
-    items[0].length = 4;
-    intf_setRcpAddress(&items);
-    std::atomic<int> inCallback(0);
-    static thread_local bool onCommThread = false;
-    Recorder::get().hook = [&](const Report &) {
-        QMutexLocker hold(&runtimeMutex);
-        // The flags are raised on the thread that exchanges: thread checkers
-        // do not see the runtime's mutex order the bytes between threads.
-        if (++inCallback % 40 == 0 && onCommThread)
-            shared_[KQ71_RECIPE_WRITE_FLAG + (inCallback / 40) % 2] = 1;
-    };
-    std::atomic<bool> uiDone(false);
-    int exchanges = 0;
-    std::thread comm([&] {
-        onCommThread = true;
-        while (!uiDone && exchanges < EXCHANGE_CAP) {
-            FRAME_PRO f;
-            if (intf_getSendFrame(&f) == 1)
-                answerWith(plc.answer(f));
-            ++exchanges;
-        }
-    });
-    QString d("D"), m("M");
-    for (int i = 0; i < UI_ROUNDS / 3; ++i) {
-        QMutexLocker hold(&runtimeMutex);
-        unsigned char v[2] = {static_cast<unsigned char>(i), 0}, buf[2 * WORDS];
-        intf_setData(1, &d, i % WORDS, 1, v, i);
-        intf_getData(1, &d, 0, WORDS, buf);
-        unsigned char bit = i & 1;
-        intf_setData(1, &m, i % BITS, 1, &bit, i);
+    std::atomic<bool> entered(false);
+    std::thread other;
+    {
+        ServiceLock held, again;
+        other = std::thread([&] {
+            ServiceLock lock;
+            entered = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(entered) << "two threads held the driver's lock at once";
     }
-    uiDone = true;
-    comm.join();
-    Recorder::get().hook = nullptr;
-    intf_initProperty(shared_, nullptr, recipe_, &status, "1#0#0#3#10", nullptr); // the mutex goes out of scope
-    EXPECT_GT(inCallback.load(), 0);
-    EXPECT_GT(exchanges, 0);
+    other.join();
+    EXPECT_TRUE(entered);
 }
 
 } // namespace
