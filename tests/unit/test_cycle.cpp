@@ -1,9 +1,9 @@
 // The exchange cycle as a runtime drives it: which job goes next, retries,
 // rotation of the plan, the end of condition-read batches, recipe transfers
 // through the shared-memory flags, and where the driver keeps a panel whole:
-// every job settles once, M relays stay on their own side of 8000, and a
-// runtime that re-initialises the driver from inside a report finds it
-// consistent.
+// every job settles once and M relays stay on their own side of 8000. A
+// runtime re-initialising the driver from inside a report is left to the
+// fuzz calls target's kept inputs.
 #include "test_support.h"
 
 using namespace kq71test;
@@ -47,15 +47,10 @@ TEST_F(Cycle, JobsFollowTheBurstLimits)
     }
 }
 
-TEST_F(Cycle, ABatchOfConditionReadsEndsOnceAfterItsLastReadOrWhenOneIsGivenUp)
+// How a batch ends after its last read is shown through the loaded library;
+// here, a given-up read ends it at once.
+TEST_F(Cycle, ABatchOfConditionReadsEndsOnceWhenOneIsGivenUp)
 {
-    watch({key(1, "D", 500, 1)});
-    for (int i = 0; i < 5; ++i)
-        condition(200 + 10 * i);
-    for (int i = 0; i < 6; ++i) {
-        run(1);
-        EXPECT_EQ(i == 5 ? (Reports{{-1, -1, "-1", 0}}) : Reports{}, reports()) << "exchange " << i;
-    }
     configure("1#0#0#1#10");
     for (int round = 0; round < 2; ++round) { // a given-up read that is not the last one added ends its batch
         condition(200);
@@ -85,14 +80,11 @@ TEST_F(Cycle, RetriesResendTheSameFrameUntilTheLimitAndThePlanRotates)
     EXPECT_EQ(first, sentBytes(nextFrame())); // the given-up read rotated the plan
 
     configure("1#0#0#0#10");
-    std::vector<int> order;
+    auto next = [&] { FRAME_PRO f; EXPECT_EQ(1, step(&f)); return f.var.address; };
     watch({key(1, "D", 0, 1), key(1, "D", 1000, 1), key(1, "D", 2000, 1)});
-    for (FRAME_PRO f; order.size() < 4 && step(&f) == 1;)
-        order.push_back(f.var.address);
+    EXPECT_EQ((std::vector<int>{0, 1000, 2000, 0}), (std::vector<int>{next(), next(), next(), next()}));
     watch({key(1, "D", 7, 1)}); // a plan of one stays
-    for (FRAME_PRO f; order.size() < 6 && step(&f) == 1;)
-        order.push_back(f.var.address);
-    EXPECT_EQ((std::vector<int>{0, 1000, 2000, 0, 7, 7}), order);
+    EXPECT_EQ(std::make_pair(7, 7), std::make_pair(next(), next()));
     nextFrame();
     EXPECT_EQ(2, answerWith(READ_REFUSED)); // below 2 the first bad reply gives up
 }
@@ -116,7 +108,6 @@ protected:
             recipe_[2 * w++ + 1] = v >> 8;
         }
     }
-    int bufWord(int w) { return recipe_[2 * w] | recipe_[2 * w + 1] << 8; }
     unsigned char &flag(int which) { return shared_[which]; }
     // Writes the recipe, reads it back into a cleared buffer and gives the words reported as "RWI".
     std::vector<int> roundTrip(int frames, int bytes = 64)
@@ -178,22 +169,6 @@ TEST_F(Recipe, ItemsLongerThanABlockKeepTheirPlaces)
         ASSERT_EQ(i + 1, plc.regs[0x4338 + i]) << "D" << i;
     EXPECT_EQ((std::vector<int>{0xAAAA, 0xBBBB, 0xCCCC}),
               (std::vector<int>{plc.regs[0x4338 + 200], plc.regs[0x4338 + 201], plc.regs[0x4338 + 400]}));
-}
-
-TEST_F(Recipe, InterleavedBlockIsWrittenOneWordPerFrameAndAdvancesOnce)
-{
-    setItems({{"V", 5, 3, 4}, {"D", 100, 1, 0}}); // blocks: D 100, then V 5..7
-    putWords(4, {0xAA, 0xBB, 0xCC});
-    flag(KQ71_RECIPE_WRITE_FLAG) = 1;
-    ASSERT_EQ(1, step());
-    for (int i = 0; i < 3; ++i) {
-        FRAME_PRO f;
-        ASSERT_EQ(1, step(&f));
-        EXPECT_EQ(0x06, f.frame[1]);
-        EXPECT_EQ(std::make_pair(i < 2 ? 1 : 0, i < 2 ? 1 : 0), std::make_pair(driver.rcpIndex, int(flag(KQ71_RECIPE_WRITE_FLAG))));
-    }
-    EXPECT_EQ((std::vector<int>{0xAA, 0xBB, 0xCC, 0}),
-              (std::vector<int>{plc.regs[0x6483], plc.regs[0x6485], plc.regs[0x6487], plc.regs[0x6484]}));
 }
 
 TEST_F(Recipe, GivenUpBlockEndsTheTransferAndAFlagWithoutBlocksIsLowered)
@@ -262,34 +237,12 @@ TEST_F(Settling, MRelaysAcross8000AreReadAndWrittenInTheirOwnAreas)
 {
     configure("1#0#0#3#4");
     watch({key(1, "M", 7996, 8, BIT)});
-    ASSERT_EQ(2, driver.cyclicReads.size());
-    EXPECT_EQ(std::make_pair(4, 8000), std::make_pair(driver.cyclicReads.at(0).length, driver.cyclicReads.at(1).address));
     set("M", 7998, 4, {1, 1, 1, 1});
     for (int i = 0; i < 6; ++i)
         step();
     for (int m = 7998; m < 8002; ++m)
         EXPECT_EQ(1, plc.bits[m < 8000 ? 0x200 + m : m - 4160]) << "M" << m;
     EXPECT_EQ(Bytes({0, 0, 1, 1, 1, 1, 0, 0}), get("M", 7996, 8, 8));
-}
-
-TEST_F(Settling, InitialisingFromInsideAReportLeavesAConsistentDriver)
-{
-    watch({key(1, "D", 0, 4)});
-    for (int a = 0; a < 4; ++a)
-        plc.regs[0x4338 + a] = quint16(0x1234 + a);
-    bool once = false;
-    inReport = [&](const Report &) {
-        if (!once) {
-            once = true;
-            configure("1#0#0#3#10"); // the cache goes; M takes the first name id
-            watch({key(1, "M", 0, 4, BIT)});
-        }
-    };
-    for (int i = 0; i < 4; ++i) {
-        step();
-        inReport = nullptr;
-        EXPECT_EQ(Bytes({0, 0, 0, 0}), get("M", 0, 4, 4)) << "a word landed in a bit record";
-    }
 }
 
 } // namespace

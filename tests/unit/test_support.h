@@ -115,20 +115,15 @@ struct FakePlc {
 
 // The driver's debug lines, without the quotes of the debug stream, kept off the test's output.
 struct DebugCapture {
-    DebugCapture() : prev(installMessageSink(&keep)) { lines().clear(); }
+    DebugCapture() : prev(installMessageSink(&keep)) { lines.clear(); }
     ~DebugCapture() { installMessageSink(prev); }
-    static std::vector<std::string> &lines()
-    {
-        static std::vector<std::string> l;
-        return l;
-    }
+    inline static std::vector<std::string> lines;
     static void keep(QtMsgType type, const QString &msg)
     {
-        static std::mutex mu;
-        std::lock_guard<std::mutex> g(mu);
+        std::lock_guard<std::mutex> g(reportsMutex); // the exchange thread may log too
         const QString t = msg.trimmed();
         if (type == QtDebugMsg)
-            lines().push_back((t.startsWith(QLatin1Char('"')) ? t.mid(1, t.size() - 2) : t).toStdString());
+            lines.push_back((t.startsWith(QLatin1Char('"')) ? t.mid(1, t.size() - 2) : t).toStdString());
     }
     MessageSink prev;
 };

@@ -62,18 +62,13 @@ TEST_F(ThreadStress, UiCallsUnderTheRuntimesMutexAgainstRunningExchange)
             answerWith(reply);
         }
     });
-    std::vector<int> lastWord(WORDS, 0), lastBit(BITS, 0);
-    QString d("D"), m("M");
+    std::vector<int> lastWord(WORDS, 0);
+    QString d("D");
     for (int i = 0; i < UI_ROUNDS; ++i) {
         QMutexLocker hold(&runtimeMutex);
         unsigned char v[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)}, buf[2 * WORDS];
         intf_setData(1, &d, i % WORDS, 1, v, i);
         lastWord[i % WORDS] = i & 0xFFFF;
-        if (i % 7 == 0) {
-            unsigned char bit = (i / 7) & 1;
-            intf_setData(1, &m, i % BITS, 1, &bit, i);
-            lastBit[i % BITS] = bit;
-        }
         if (i % 10 == 0) { // new units appear on the exchange side...
             KEY_ADDRESS k = key(1, "D", 3000 + i, 4);
             intf_addConditionRead(&k, i);
@@ -86,12 +81,9 @@ TEST_F(ThreadStress, UiCallsUnderTheRuntimesMutexAgainstRunningExchange)
     inReport = nullptr;
     ASSERT_LT(exchanges, EXCHANGE_CAP) << "the exchange never drained the queues";
     EXPECT_GT(commReports, 40);
-    const Bytes bits = get("M", 0, BITS, BITS);
     for (int a = 0; a < WORDS; ++a)
         EXPECT_EQ(std::make_pair(lastWord[a], lastWord[a]), std::make_pair(int(plc.regs[0x4338 + a]), word("D", a)))
             << "D" << a;
-    for (int b = 0; b < BITS; ++b)
-        EXPECT_EQ(std::make_pair(lastBit[b], lastBit[b]), std::make_pair(plc.bits[0x200 + b], int(bits[b]))) << "M" << b;
     configure("1#0#0#3#10"); // the mutex goes out of scope
 }
 
