@@ -62,6 +62,7 @@ TEST(AddressCheck, ResultCodesAndTheAddressTheyLeave)
         {"D", " 12 ", 0, 1, 0, 0, 12},             // surrounding blanks are accepted
         {"D", "-2147483648", 0, 1, 0, 2, INT_MIN},
         {"D", "2147483647", 0, 1, 0, 2, INT_MAX},  // no wrap past max
+        {"D", "100", 0, INT_MAX, 0, 2, 100},       // an object past any end
     };
     for (const auto &c : cases) {
         QString n = q(c.name), t = q(c.text);
@@ -78,7 +79,7 @@ TEST(AddressCheck, ResultCodesAndTheAddressTheyLeave)
     }
     // Validity takes the word flag for the object kind: any non-zero flag asks for a word.
     const struct { const char *name, *text; int count, wordFlag, code; } validity[] = {
-        {"M", "9990", 16, 0, 2}, {"M", "9984", 16, 0, 0}, {"M", "0", 1, 7, 1}, {"200CC", "255", 3, 9, 2}, {"D", "5", 1, 0, 1},
+        {"M", "9990", 16, 0, 2}, {"M", "9984", 16, 0, 0}, {"M", "0", 1, 7, 1}, {"200CC", "255", 3, 9, 2}, {"D", "5", 1, 0, 1}, {"D", "100", INT_MAX, 1, 2},
     };
     for (const auto &c : validity) {
         QString n = q(c.name), t = q(c.text);
@@ -120,6 +121,8 @@ TEST(MultiCopy, SeriesStopAtTheRegistersEnd)
         {"200C", 190, 2, 5, 1, "-9 190 195", "old 190 195"},              // min is not enforced
         {"D", -1, 1, 1, 1, "-9 -1", "old 4294967295"},                    // text is unsigned
         {"Q", 0, 3, 1, 0, "-9", "old"},
+        {"D", 0, -5, 1, 1, "-9", "old"},
+        {"D", 5, 3, INT_MIN, 1, "-9 5 6 7", "old 5 6 7"}, // intervals below -2 count as 1
         {"D", 9000, 3, INT_MAX, 2, "-9 9000 9999 9999", "old 9000 9999 9999"}, // clamps, never wraps
     };
     for (const auto &c : cases) {
