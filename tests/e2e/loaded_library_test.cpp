@@ -170,12 +170,6 @@ protected:
         QByteArray bytes = reply ? *reply : goodReply(f);
         return a.intf_dealRcvFrame(&bytes, nullptr);
     }
-    int batchEnds() const
-    {
-        return int(std::count_if(g_reports.begin(), g_reports.end(),
-                                 [](const Report &r) { return std::get<1>(r) == -1 && std::get<2>(r) == "-1"; }));
-    }
-
     Api a;
     void *handle_ = nullptr;
     std::vector<unsigned char> shared_ = std::vector<unsigned char>(KQ71_SHARED_MEM_MIN, 0);
@@ -281,6 +275,11 @@ TEST_F(OutOfContract, NullPointersAreRefusedAndChangeNothing)
     EXPECT_EQ(a.intf_getSendFrame(nullptr), 0);
     EXPECT_EQ(address, -1);
     EXPECT_TRUE(list.isEmpty() && texts.isEmpty() && addresses.isEmpty());
+    QString huge(1 << 20, QChar('9')); // parses as no number, not as one cut short
+    EXPECT_EQ(a.intf_checkAddr(&reg, &huge, &address, 0, 1, 0), 4);
+    // An object past any end is out of range, not wrapped into it.
+    EXPECT_EQ(a.intf_checkAddr(&reg, &text, &address, 0, INT_MAX, 0), 2);
+    EXPECT_EQ(a.intf_checkAddrValidity(&reg, &text, &address, INT_MAX, 1), 2);
 
     // The frame held back is still the cyclic read: nothing was queued or planned.
     FRAME_PRO f;
@@ -379,64 +378,29 @@ TEST_F(OutOfContract, WritesOfAnyLength)
     }
 }
 
-// A batch of condition reads ends once, at the frame request after its last
-// piece: at once when it names no unit (no length, one word of a double
-// word) or a register the driver does not know (given up: -1).
-TEST_F(OutOfContract, ConditionReadBatchesEndOnceAfterBoundedPieces)
+// Queues and plans stay within the 65,536 units the wire can address: of a
+// condition read of them all at most 513 pieces wait, the last slot taking
+// the newest; one of no units ends its batch at once. Keys at the ends of the
+// int range plan jobs that each come to an end.
+TEST_F(OutOfContract, OversizedRequestsStayBounded)
 {
-    const struct {
-        const char *property;
-        KEY_ADDRESS key;
-        int pieces, longest, end;
-    } batches[] = {
-        {"1#0#0#3#16", key("D", 100, 0), 0, 0, 0},
-        {"1#0#0#3#16", key("D", 100, -5), 0, 0, 0},
-        {"1#0#0#3#16", key("D", 100, INT_MIN), 0, 0, 0},
-        {"1#0#0#3#16", key("200CC", 200, 1), 0, 0, 0},
-        {"1#0#0#3#16", key("QQ", 1, 1), 0, 0, -1},
-        // The address space bounds the range: 4096 pieces of 16 words, of which
-        // at most 513 wait, the last slot taking the newest.
-        {"1#0#0#3#16", key("D", 0, INT_MAX), 513, 16, 0},
-        // Numbers not decimal or too big read as 0; a merge gap below 1 cuts
-        // pieces of one block (128 units); a huge one is itself the limit.
-        {"a#b#c#99999999999#-7", key("D", 0, 300), 3, 128, 0},
-        {"1#0#0#0#0", key("D", 0, 300), 3, 128, 0},
-        {"1#0#0#-3#2147483647", key("D", 0, 300), 1, 300, 0},
-    };
-    for (const auto &b : batches) {
-        SCOPED_TRACE(std::string(b.property) + " " + b.key.regName.toStdString() + " " + std::to_string(b.key.length));
-        EXPECT_EQ(init(b.property), 1);
-        g_reports.clear();
-        EXPECT_EQ(conditionRead(b.key), 1);
-        EXPECT_EQ(batchEnds(), 0);
-        int pieces = 0, longest = 0;
-        for (FRAME_PRO f; batchEnds() == 0 && pieces < 2000; ++pieces) {
-            if (exchange(&f) == -1)
-                break;
-            longest = std::max(longest, f.var.length);
-        }
-        EXPECT_EQ(std::make_pair(pieces, longest), std::make_pair(b.pieces, b.longest));
-        EXPECT_EQ(exchange(), -1);
-        EXPECT_EQ(batchEnds(), 1);
-        EXPECT_EQ(g_reports.back(), Report(-1, -1, "-1", b.end));
-    }
-}
-
-TEST_F(OutOfContract, OversizedPlansStayWithinTheAddressSpace)
-{
+    EXPECT_EQ(conditionRead(key("D", 100, 0)), 1);
+    EXPECT_EQ(exchange(), -1);
+    EXPECT_EQ(conditionRead(key("D", 0, INT_MAX)), 1);
+    int pieces = 0;
+    while (pieces < 2000 && exchange() == 1)
+        ++pieces;
+    EXPECT_EQ(pieces, 513);
+    EXPECT_EQ(g_reports, (std::vector<Report>{{-1, -1, "-1", 0}, {-1, -1, "-1", 0}}));
+    EXPECT_EQ(setRecipe(0, INT_MAX, 0), 1);
     const int jobs = watch(key("D", 0, INT_MAX));
     EXPECT_TRUE(jobs >= 1 && jobs <= 0x10000 / 128) << jobs;
-    EXPECT_EQ(setRecipe(0, INT_MAX, 0), 1);
-}
-
-TEST_F(OutOfContract, NegativeAndExtremeAddressesInThePlanAreHarmless)
-{
     QList<KEY_ADDRESS> keys{key("D", INT_MIN, -5), key("M", INT_MAX - 40, 1000, -1), key("200CC", 200, INT_MIN),
                             key("D", -100, 50)};
-    const int jobs = a.intf_addrMerge(&keys);
-    EXPECT_GE(jobs, 1);
     const QByteArray nothing;
-    for (int i = 0; i < 3 * jobs; ++i)
+    const int planned = a.intf_addrMerge(&keys);
+    EXPECT_GE(planned, 1);
+    for (int i = 0; i < 3 * planned; ++i)
         EXPECT_NE(exchange(nullptr, &nothing), -1);
 }
 
@@ -455,41 +419,6 @@ TEST_F(OutOfContract, RecipeItemOutsideTheBufferIsWrittenAsZeros)
     EXPECT_EQ(exchange(&f), 1);
     EXPECT_EQ(shared_[KQ71_RECIPE_READ_FLAG], 0);
     EXPECT_EQ(std::count(recipe_.begin(), recipe_.end(), 0x5A), 4096);
-}
-
-TEST_F(OutOfContract, EditorInputsOutOfRangeGiveTheirCodes)
-{
-    QString reg("D"), text("100"), huge(1 << 20, QChar('9'));
-    int address = -1;
-    EXPECT_EQ(a.intf_checkAddr(&reg, &text, &address, 0, INT_MAX, 0), 2);
-    EXPECT_EQ(a.intf_checkAddrValidity(&reg, &text, &address, INT_MAX, 1), 2);
-    EXPECT_EQ(a.intf_checkAddr(&reg, &huge, &address, 0, 1, 0), 4);
-
-    // Counts: none, more than the address space (past the register's end: its
-    // highest); intervals below 1 count as 1.
-    const struct {
-        int start, count, interval, result, size, last;
-    } copies[] = {{0, -5, 1, 1, 0, 0}, {0, INT_MAX, 1, 2, 65536, 9999}, {5, 3, INT_MIN, 1, 3, 7}};
-    for (const auto &c : copies) {
-        QVector<QString> texts;
-        QVector<int> addresses;
-        EXPECT_EQ(a.intf_multiCopy(&reg, c.start, c.count, c.interval, &texts, &addresses), c.result) << c.count;
-        EXPECT_EQ(std::make_pair(addresses.size(), addresses.isEmpty() ? 0 : addresses.last()),
-                  std::make_pair(c.size, c.last)) << c.count;
-    }
-}
-
-// A job no frame can be built for is given up where it stands, and the next
-// one goes out in the same call: nothing waits behind it.
-TEST_F(OutOfContract, UnknownRegisterWriteIsGivenUpAndTheNextGoesOut)
-{
-    unsigned char v[2] = {1, 2};
-    EXPECT_EQ(setData("QQ", 1, 1, v), 1);
-    EXPECT_EQ(setData("D", 1, 1, v), 1);
-    FRAME_PRO f;
-    ASSERT_EQ(a.intf_getSendFrame(&f), 1);
-    EXPECT_EQ(f.frame[1], 0x06);
-    EXPECT_EQ(QString(f.var.regName), QString("D"));
 }
 
 } // namespace

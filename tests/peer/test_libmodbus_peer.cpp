@@ -168,23 +168,4 @@ TEST_F(LibmodbusPeer, LimitsOfEveryRegisterMatchByteForByte)
                 }
 }
 
-TEST_F(LibmodbusPeer, RandomRequestsMatchByteForByte)
-{
-    const unsigned seed = 20240611;
-    std::mt19937 rng(seed);
-    for (int i = 0; i < 300; ++i) {
-        const int reg = int(rng() % REG_COUNT);
-        const bool write = rng() & 1;
-        const int lo = bound(reg, COL_MIN), hi = bound(reg, COL_MAX);
-        const int address = lo + int(rng() % unsigned(hi - lo + 1));
-        // Short requests are the common case; keep a fair share of them.
-        const int limit = rng() % 2 ? 8 : maxLength(reg, write);
-        const int length = 1 + int(rng() % unsigned(limit));
-        SCOPED_TRACE("seed " + std::to_string(seed) + " case " + std::to_string(i));
-        check(rng, reg, write, address, length);
-        if (HasFatalFailure())
-            return;
-    }
-}
-
 } // namespace

@@ -89,13 +89,20 @@ TEST_F(Planning, ConditionReadIsQueuedInPiecesCountedInTheRegistersUnits)
         {"1#0#0#3#2", key(1, "D_bit", 35, 20, BIT), {Job{5, "D", 2, 2}, Job{5, "D", 3, 1}}},
         // without a usable limit, pieces are blocks of 128 units
         {"1#0#0#3#-1", key(1, "M", 0, 200, BIT), {Job{5, "M", 0, 128 * 16}, Job{5, "M", 128, 72 * 16}}},
+        // numbers not decimal or too big read as 0; a huge limit is itself the limit
+        {"a#b#c#99999999999#-7", key(1, "D", 0, 300), {Job{5, "D", 0, 128}, Job{5, "D", 128, 128}, Job{5, "D", 256, 44}}},
+        {"1#0#0#-3#2147483647", key(1, "D", 0, 300), {Job{5, "D", 0, 300}}},
+        // no units: negative lengths, or one word of a 32-bit value
+        {"1#0#0#3#64", key(1, "D", 100, INT_MIN), {}},
+        {"1#0#0#3#64", key(1, "200CC", 200, 1), {}},
     };
     for (const auto &c : cases) {
         configure(c.property);
         KEY_ADDRESS k = c.key;
         EXPECT_EQ(1, intf_addConditionRead(&k, 5));
         EXPECT_EQ(c.jobs, jobsOf(driver.conditionReads, true)) << c.property;
-        EXPECT_EQ(c.jobs.back(), jobsOf(QList<VARIABLE>{driver.lastCondition}, true).at(0)) << c.property;
+        if (!c.jobs.empty())
+            EXPECT_EQ(c.jobs.back(), jobsOf(QList<VARIABLE>{driver.lastCondition}, true).at(0)) << c.property;
     }
 }
 
