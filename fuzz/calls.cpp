@@ -71,8 +71,7 @@ struct Program {
         if (mode == 1) { // device, cache only, retries and merge gap of use
             static const int gaps[] = {0, 1, 2, 10, 64, 128, 507, 4096, 2147483647};
             const int device = in.below(4), cacheOnly = in.below(2), retries = in.below(5), gap = gaps[in.below(9)];
-            return QByteArray::number(device) + "#" + QByteArray::number(cacheOnly) + "#0#" +
-                   QByteArray::number(retries) + "#" + QByteArray::number(gap);
+            return QString::fromLatin1("%1#%2#0#%3#%4").arg(device).arg(cacheOnly).arg(retries).arg(gap).toLatin1();
         }
         QByteArray text = QByteArray::number(in.number());
         for (int i = 1; i < 5; ++i)

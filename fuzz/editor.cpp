@@ -67,10 +67,9 @@ void multiCopy(Input &in, qint64 &entries)
     if (entries + n > 70000)
         return;
     entries += n;
-    QVector<QString> texts(in.below(3), QString::fromLatin1("kept"));
-    QVector<int> addresses(texts.size(), -7);
-    const int held = texts.size();
-    const uint8_t missing = in.byte() % 16;
+    const int held = in.below(3), missing = in.byte() % 16;
+    QVector<QString> texts(held, QString::fromLatin1("kept"));
+    QVector<int> addresses(held, -7);
     const int result = intf_multiCopy(missing == 1 ? 0 : &name, start, count, interval, missing == 2 ? 0 : &texts,
                                       missing == 3 ? 0 : &addresses);
 
