@@ -25,13 +25,10 @@ namespace {
 // past its last address, 0 valid.
 void checkAddress(Input &in, bool validity)
 {
-    QString name = in.regName();
-    QString text = in.text();
-    const int initial = in.number();
-    const int dataType = validity ? 0 : in.number();
-    const int count = in.number();
-    const int flag = in.number(); // access, or the word flag
-    const uint8_t missing = in.byte() % 16;
+    // Declarators are initialised in order: the input means the same to every compiler.
+    QString name = in.regName(), text = in.text();
+    const int initial = in.number(), dataType = validity ? 0 : in.number(), count = in.number();
+    const int flag = in.number(), missing = in.byte() % 16; // access, or the word flag
     int address = initial;
     QString *n = missing == 1 ? 0 : &name, *t = missing == 2 ? 0 : &text;
     int *a = missing == 3 ? 0 : &address;
@@ -54,10 +51,8 @@ void checkAddress(Input &in, bool validity)
         if (expected != 1 && expected != 5)
             expectedAddress = value;
     }
-    FUZZ_CHECK(result == expected && address == expectedAddress,
-               "%s(\"%s\", \"%s\", count %d): %d with address %d, expected %d with address %d",
-               validity ? "intf_checkAddrValidity" : "intf_checkAddr", qPrintable(name), qPrintable(text), count, result,
-               address, expected, expectedAddress);
+    FUZZ_CHECK(result == expected && address == expectedAddress, "%s \"%s\": %d at %d, expected %d at %d",
+               qPrintable(name), qPrintable(text), result, address, expected, expectedAddress);
 }
 
 // Entries min(start + i * interval, highest) as numbers and as texts in the
@@ -72,18 +67,16 @@ void multiCopy(Input &in, qint64 &entries)
     if (entries + n > 70000)
         return;
     entries += n;
-    QVector<QString> texts(in.below(3), QString::fromLatin1("kept"));
-    QVector<int> addresses(texts.size(), -7);
-    const int held = texts.size();
-    const uint8_t missing = in.byte() % 16;
+    const int held = in.below(3), missing = in.byte() % 16;
+    QVector<QString> texts(held, QString::fromLatin1("kept"));
+    QVector<int> addresses(held, -7);
     const int result = intf_multiCopy(missing == 1 ? 0 : &name, start, count, interval, missing == 2 ? 0 : &texts,
                                       missing == 3 ? 0 : &addresses);
 
     const RegisterInfo *r = findRegister(name);
     const bool refused = (missing >= 1 && missing <= 3) || !r;
     FUZZ_CHECK(texts.size() == held + (refused ? 0 : n) && addresses.size() == texts.size() && (!refused || !result),
-               "(\"%s\", %d, %d, %d): %d with %d texts appended", qPrintable(name), start, count, interval, result,
-               texts.size() - held);
+               "%s: %d with %d texts appended", qPrintable(name), result, texts.size() - held);
     if (refused)
         return;
     const qint64 step = interval == -1   ? (r->width == 1 ? 16 : 1)
@@ -96,8 +89,7 @@ void multiCopy(Input &in, qint64 &entries)
         const int got = addresses.at(held + i);
         // %u / %o: negative addresses as unsigned texts.
         FUZZ_CHECK(got == qMin<qint64>(want, r->highest) && texts.at(held + i) == QString::number(uint(got), r->radix),
-                   "(%s, %d, %d, %d): entry %d is %d \"%s\"", r->name, start, count, interval, i, got,
-                   qPrintable(texts.at(held + i)));
+                   "%s: entry %d is %d \"%s\"", r->name, i, got, qPrintable(texts.at(held + i)));
     }
     FUZZ_CHECK(result == (clamped ? 2 : 1), "(%s, %d, %d, %d): %d", r->name, start, count, interval, result);
 }
@@ -108,8 +100,7 @@ void multiCopy(Input &in, qint64 &entries)
 void description(Input &in)
 {
     QString name = in.regName();
-    QList<QString> items;
-    items << QString::fromLatin1("kept");
+    QList<QString> items = QList<QString>() << QString::fromLatin1("kept");
     const int result = intf_getRegDiscription(&name, &items);
     FUZZ_CHECK(result == 0 && items.size() == (findRegister(name) ? 6 : 1) && items.first() == QLatin1String("kept"),
                "(\"%s\"): %d, %d items", qPrintable(name), result, items.size());
@@ -120,17 +111,12 @@ void description(Input &in)
 int runEditorInput(const uint8_t *data, size_t size)
 {
     Runtime runtime;
-    Input in(data, size);
+    Input in{data, size};
     qint64 entries = 0;
     for (int calls = 0; calls < 64 && !in.atEnd(); ++calls) {
         const int op = in.byte() % 4;
         checked("editor call", 0, [&] {
-            if (op < 2)
-                checkAddress(in, op == 1);
-            else if (op == 2)
-                multiCopy(in, entries);
-            else
-                description(in);
+            op < 2 ? checkAddress(in, op == 1) : op == 2 ? multiCopy(in, entries) : description(in);
             return 0;
         });
     }

@@ -17,6 +17,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iterator>
+#include <utility>
 
 // The targets' bodies, each described at the top of its file. libFuzzer calls
 // them through fuzz_main.cpp; the unit tests replay the kept inputs.
@@ -50,11 +52,11 @@ inline const int BOUNDARY_VALUES[] = {
     512, 513, 1023, 1024, 1025, 4095, 4096, 7999, 8000, 8001, 8191, 8192, 9999, 10000, 32767, 32768, 65535, 65536,
     65537, 70000, -65536, 1073741823, 1073741824, 2147483520, 2147483646, 2147483647, -2147483647 - 1, -2147483647};
 
-// The register family as the runtime contract describes it.
+// The register family as the runtime contract describes it; width: bits of
+// one unit (1, 16 or 32).
 struct RegisterInfo {
     const char *name;
-    int width; // bits of one unit: 1, 16 or 32
-    int lowest, highest, radix;
+    int width, lowest, highest, radix;
 };
 inline const RegisterInfo REGISTERS[19] = {
     {"X", 1, 0, 0377, 8},        {"Y", 1, 0, 0377, 8},         {"S", 1, 0, 9999, 10},     {"M", 1, 0, 9999, 10},
@@ -66,31 +68,26 @@ inline const RegisterInfo REGISTERS[19] = {
 
 // Reads arguments from the input front to back; past its end every read
 // gives zeros, so any input is a complete program.
-class Input {
-public:
-    Input(const uint8_t *data, size_t size) : p_(data), n_(size) {}
+struct Input {
+    const uint8_t *p_;
+    size_t n_;
     bool atEnd() const { return n_ == 0; }
     uint8_t byte() { return n_ ? (--n_, *p_++) : 0; }
-    uint16_t u16()
+    uint32_t littleEndian(int n) // one read per statement: the same order under every compiler
     {
-        const uint16_t low = byte();
-        return uint16_t(low | byte() << 8);
+        uint32_t v = 0;
+        for (int i = 0; i < n; ++i)
+            v |= uint32_t(byte()) << 8 * i;
+        return v;
     }
+    uint16_t u16() { return uint16_t(littleEndian(2)); }
     int below(int n) { return n > 0 ? byte() % n : 0; }
     int number() // a small number, a boundary value, four raw bytes or a small negative one
     {
-        switch (byte() % 4) {
-        case 0:
-            return byte();
-        case 1:
-            return BOUNDARY_VALUES[byte() % (sizeof(BOUNDARY_VALUES) / sizeof(BOUNDARY_VALUES[0]))];
-        case 2: {
-            const uint32_t low = u16();
-            return int32_t(low | uint32_t(u16()) << 16);
-        }
-        default:
-            return -int(byte());
-        }
+        const int kind = byte() % 4;
+        if (kind == 2)
+            return int32_t(littleEndian(4));
+        return kind == 0 ? byte() : kind == 1 ? BOUNDARY_VALUES[byte() % std::size(BOUNDARY_VALUES)] : -int(byte());
     }
     QByteArray bytes(int n) // zeros where the input has ended
     {
@@ -102,8 +99,7 @@ public:
     QString text() // Latin-1 or UTF-8, up to 47 bytes
     {
         const int length = byte() % 48;
-        const QByteArray raw = bytes(length);
-        return length % 2 ? QString::fromUtf8(raw) : QString::fromLatin1(raw);
+        return length % 2 ? QString::fromUtf8(bytes(length)) : QString::fromLatin1(bytes(length));
     }
     QString regName() // of the family, a near miss or any text
     {
@@ -117,10 +113,6 @@ public:
         // The driver's own reports use these names at station -1.
         return name == QLatin1String("RWI") || name == QLatin1String("-1") ? name + QLatin1Char('x') : name;
     }
-
-private:
-    const uint8_t *p_;
-    size_t n_;
 };
 
 inline const RegisterInfo *findRegister(const QString &name) // 0 outside the family
@@ -130,6 +122,7 @@ inline const RegisterInfo *findRegister(const QString &name) // 0 outside the fa
             return &r;
     return nullptr;
 }
+inline int widthOf(const QString &name) { return findRegister(name) ? findRegister(name)->width : 16; }
 
 // 1: bits of 16-bit words ("D_bit"); -1: a bit-in-word name the driver
 // refuses (of a bit or 32-bit register, or with anything between register
@@ -139,8 +132,7 @@ inline int bitInWordKind(const QString &name)
     if (name.size() <= 4 || !name.endsWith(QLatin1String("_bit")))
         return 0;
     const QString word = name.left(name.size() - 4);
-    const RegisterInfo *r = findRegister(word);
-    return !word.contains(QLatin1Char('_')) && (r ? r->width : 16) == 16 ? 1 : -1;
+    return !word.contains(QLatin1Char('_')) && widthOf(word) == 16 ? 1 : -1;
 }
 
 // A refused bit-in-word name, or a negative bit number.
@@ -154,13 +146,10 @@ inline bool refusedBits(const QString &name, int address)
 // two per word written. None for a refused bit-in-word name.
 inline int valueBytes(const QString &name, int length, bool reading)
 {
-    const RegisterInfo *r = findRegister(name);
-    const int width = r ? r->width : 16;
-    if (length < 1 || bitInWordKind(name) < 0)
+    const int kind = bitInWordKind(name), width = widthOf(name);
+    if (length < 1 || kind < 0)
         return 0;
-    if (bitInWordKind(name) > 0 || width == 1)
-        return length;
-    return width == 32 && reading ? 4 * (length / 2) : 2 * length;
+    return kind > 0 || width == 1 ? length : width == 32 && reading ? 4 * (length / 2) : 2 * length;
 }
 
 inline qint64 unitsNamed(qint64 length) // the driver bounds every range to 65536 units
@@ -197,8 +186,10 @@ inline bool spend(qint64 units)
 
 // Runs one call into the driver and checks around it: afterwards the cache
 // has grown by at most the units the call named (nested calls from the
-// callback add theirs), both job queues are within 513, the callback was
-// called a bounded number of times and the call returned in time.
+// callback add theirs), both job queues are within 513, no queued job carries
+// a bit-in-word name (bits go as the words holding them), every planned read
+// and recipe block is of 1 to 128 units, the callback was called a bounded
+// number of times and the call returned in time.
 template <class Call>
 int checked(const char *what, qint64 units, Call call)
 {
@@ -213,27 +204,19 @@ int checked(const char *what, qint64 units, Call call)
         return result;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     FUZZ_CHECK(driver.dataAreas.size() - cacheBefore <= allowance, "%s: %lld units named", what, allowance);
-    FUZZ_CHECK(driver.writeJobs.size() <= MAX_QUEUED_JOBS && driver.conditionReads.size() <= MAX_QUEUED_JOBS,
-               "%s: %d writes, %d condition reads", what, driver.writeJobs.size(), driver.conditionReads.size());
+    FUZZ_CHECK(qMax(driver.writeJobs.size(), driver.conditionReads.size()) <= MAX_QUEUED_JOBS, "%s", what);
+    for (const QList<VARIABLE> *queue : {&driver.writeJobs, &driver.conditionReads, &driver.cyclicReads})
+        for (const VARIABLE &v : *queue)
+            FUZZ_CHECK(bitInWordKind(v.regName) == 0 && (queue != &driver.cyclicReads ||
+                                                         (v.length >= 1 && v.length <= MAX_BLOCK_UNITS)),
+                       "%s queued %d of %s", what, v.length, qPrintable(v.regName));
+    for (const _RCP_VAR_PRO &b : driver.rcpBlocks)
+        FUZZ_CHECK(b.length >= 1 && b.length <= MAX_BLOCK_UNITS, "%s planned %d units", what, b.length);
     // Each unit once as a value and at most twice per recipe item that places
     // it in the recipe buffer, plus the end of a batch.
     FUZZ_CHECK(reports <= (allowance + 2) * (2 * qMax<qint64>(driver.rcpItems.size(), 64) + 1), "%s", what);
     FUZZ_CHECK(seconds <= (limit ? atof(limit) : 5.0), "%s took %.1f s", what, seconds);
     return result;
-}
-
-// No queued job carries a bit-in-word name (bits are read and written as the
-// words holding them); every planned read and recipe block is of 1 to 128
-// units.
-inline void checkJobs(const char *what)
-{
-    for (const QList<VARIABLE> *queue : {&driver.writeJobs, &driver.conditionReads, &driver.cyclicReads})
-        for (const VARIABLE &v : *queue)
-            FUZZ_CHECK(bitInWordKind(v.regName) == 0, "%s queued %s", what, qPrintable(v.regName));
-    for (const VARIABLE &v : driver.cyclicReads)
-        FUZZ_CHECK(v.length >= 1 && v.length <= MAX_BLOCK_UNITS, "%s planned %d units", what, v.length);
-    for (const _RCP_VAR_PRO &b : driver.rcpBlocks)
-        FUZZ_CHECK(b.length >= 1 && b.length <= MAX_BLOCK_UNITS, "%s planned %d units", what, b.length);
 }
 
 // A buffer of exactly the contract's size, or none. Units the callback reads
@@ -243,8 +226,7 @@ inline void getData(int station, QString name, int address, int length, bool wit
     const qint64 units = unitsNamed(length);
     if (budgeted && !spend(units))
         return;
-    unsigned char *values =
-        withBuffer ? static_cast<unsigned char *>(malloc(size_t(valueBytes(name, length, true)))) : nullptr;
+    auto *values = withBuffer ? static_cast<unsigned char *>(malloc(size_t(valueBytes(name, length, true)))) : nullptr;
     const int result =
         checked("intf_getData", units, [&] { return intf_getData(station, &name, address, length, values); });
     FUZZ_CHECK(result == (withBuffer && !refusedBits(name, address)), "%d for %s", result, qPrintable(name));
@@ -262,28 +244,22 @@ inline void getData(int station, QString name, int address, int length, bool wit
 inline void valueChanged(int deviceId, int station, const QString &regName, int address)
 {
     ++reports;
-    if (deviceId == -1 && station == -1 && regName == QLatin1String("-1")) {
-        FUZZ_CHECK((address == 0 || address == -1) && batch != Batch::Closed, "batch end %d", address);
+    const bool batchEnd = deviceId == -1 && station == -1 && regName == QLatin1String("-1");
+    const bool recipeWord = deviceId == 0 && station == -1 && regName == QLatin1String("RWI");
+    FUZZ_CHECK(!batchEnd || ((address == 0 || address == -1) && batch != Batch::Closed), "batch end %d", address);
+    FUZZ_CHECK(!recipeWord || (address >= 0 && address < RECIPE_BUFFER_WORDS), "recipe word %d", address);
+    if (batchEnd)
         batch = Batch::Closed;
+    if (batchEnd || recipeWord)
         return;
-    }
-    if (deviceId == 0 && station == -1 && regName == QLatin1String("RWI")) {
-        FUZZ_CHECK(address >= 0 && address < RECIPE_BUFFER_WORDS, "recipe word %d", address);
-        return;
-    }
-    FUZZ_CHECK(deviceId == driver.deviceId && !refusedBits(regName, address), "%d#%s%d", station,
-               qPrintable(regName), address);
+    FUZZ_CHECK(deviceId == driver.deviceId && !refusedBits(regName, address), "%s%d", qPrintable(regName), address);
     if (inCallback)
         return;
     inCallback = true;
-    const RegisterInfo *r = findRegister(regName);
     if (readBack) // as a runtime does: read the value reported, from inside the report
-        getData(station, regName, address, r && r->width == 32 ? 2 : 1, true, false);
-    if (nested) {
-        const std::function<void()> call = nested;
-        nested = nullptr;
+        getData(station, regName, address, widthOf(regName) == 32 ? 2 : 1, true, false);
+    if (const std::function<void()> call = std::exchange(nested, nullptr))
         call();
-    }
     inCallback = false;
 }
 
@@ -319,10 +295,8 @@ struct Runtime {
     }
     static void reset()
     {
-        {
-            ServiceLock lock;
-            driver.resetAll();
-        }
+        ServiceLock lock;
+        driver.resetAll();
         batch = Batch::Closed;
         callbackOn = readBack = resendDue = false;
         nested = nullptr;
@@ -350,12 +324,16 @@ struct Runtime {
 
 // --- entry points with their results checked, each skipped past the budget --
 
-// Jobs a write or condition read of this many units is cut into, at most.
-inline qint64 piecesOf(qint64 units, bool wordByWord)
+// Units named by a list of keys or recipe items.
+
+// The budget for a write or condition read: its units and the jobs it is cut
+// into, at most (V and Z, word by word: one per unit).
+inline bool spendQueued(qint64 units, bool wordByWord)
 {
     const qint64 words = driver.maxWordsPerPiece < 1 ? MAX_BLOCK_UNITS : driver.maxWordsPerPiece;
     const qint64 bits = driver.maxBitsPerPiece < 1 ? MAX_BLOCK_UNITS : driver.maxBitsPerPiece;
-    return wordByWord || units <= 0 ? units : (units + qMin(words, bits) - 1) / qMin(words, bits);
+    const qint64 piece = wordByWord ? 1 : qMin(words, bits);
+    return spend(units + 30 * ((units + piece - 1) / piece));
 }
 
 inline void watch(QList<KEY_ADDRESS> keys)
@@ -367,7 +345,6 @@ inline void watch(QList<KEY_ADDRESS> keys)
         return;
     const int jobs = checked("intf_addrMerge", units, [&] { return intf_addrMerge(&keys); });
     FUZZ_CHECK(jobs == driver.cyclicReads.size(), "%d for %d cyclic reads", jobs, driver.cyclicReads.size());
-    checkJobs("intf_addrMerge");
 }
 
 // Opens a batch that must end exactly once, also for a key that names no unit.
@@ -375,19 +352,17 @@ inline void condition(KEY_ADDRESS k, int id)
 {
     const qint64 units = unitsNamed(k.length);
     const int before = driver.conditionReads.size();
-    if (!spend(units + 30 * piecesOf(units, false)))
+    if (!spendQueued(units, false))
         return;
     const int result = checked("intf_addConditionRead", units, [&] { return intf_addConditionRead(&k, id); });
-    FUZZ_CHECK(result == 1 && (!refusedBits(k.regName, k.address) || driver.conditionReads.size() == before), "%s",
-               qPrintable(k.regName));
-    checkJobs("intf_addConditionRead");
+    FUZZ_CHECK(result == 1 && (!refusedBits(k.regName, k.address) || driver.conditionReads.size() == before), "%d",
+               result);
     batch = callbackOn ? Batch::Open : Batch::Unseen;
 }
 
 inline void recipe(QVector<_RCP_VAR_PRO> items)
 {
-    qint64 units = 0;
-    int mine = 0;
+    qint64 units = 0, mine = 0;
     for (const _RCP_VAR_PRO &item : items) {
         units += unitsNamed(item.length);
         mine += item.deviceId == driver.deviceId;
@@ -395,25 +370,22 @@ inline void recipe(QVector<_RCP_VAR_PRO> items)
     if (!spend(units))
         return;
     const int kept = checked("intf_setRcpAddress", units, [&] { return intf_setRcpAddress(&items); });
-    FUZZ_CHECK(kept == mine, "kept %d of %d items of this device", kept, mine);
-    checkJobs("intf_setRcpAddress");
+    FUZZ_CHECK(kept == mine, "kept %d of %lld items of this device", kept, mine);
 }
 
 inline void setData(int station, QString name, int address, int length, const QByteArray &bytes, bool withBuffer,
                     int id)
 {
     const qint64 units = unitsNamed(length);
-    const bool wordByWord = name == QLatin1String("V") || name == QLatin1String("Z") ||
-                            name == QLatin1String("V_bit") || name == QLatin1String("Z_bit");
-    if (!spend(units + 30 * piecesOf(units, wordByWord)))
+    const QString word = bitInWordKind(name) > 0 ? name.left(name.size() - 4) : name;
+    if (!spendQueued(units, word == QLatin1String("V") || word == QLatin1String("Z")))
         return;
-    unsigned char *values = withBuffer ? static_cast<unsigned char *>(malloc(size_t(bytes.size()))) : nullptr;
+    auto *values = withBuffer ? static_cast<unsigned char *>(malloc(size_t(bytes.size()))) : nullptr;
     if (values)
         memcpy(values, bytes.constData(), size_t(bytes.size()));
     const int result =
         checked("intf_setData", units, [&] { return intf_setData(station, &name, address, length, values, id); });
     FUZZ_CHECK(result == (refusedBits(name, address) ? 0 : withBuffer || length <= 0), "%s", qPrintable(name));
-    checkJobs("intf_setData");
     free(values);
 }
 
@@ -439,33 +411,30 @@ inline bool nextFrame(FRAME_PRO &f)
     const int result = checked("intf_getSendFrame", 0, [&] { return intf_getSendFrame(&f); });
     FUZZ_CHECK(result == 0 || result == 1, "%d", result);
     FUZZ_CHECK(!resendDue || (result == 1 && f.sendLen == resendFrame.sendLen && f.recvLen == resendFrame.recvLen &&
-                              f.itemCount == resendFrame.itemCount &&
-                              memcmp(f.frame, resendFrame.frame, f.sendLen) == 0),
+                              f.itemCount == resendFrame.itemCount && !memcmp(f.frame, resendFrame.frame, f.sendLen)),
                "the frame that got a bad reply was not handed out again");
     resendDue = false;
     if (result == 0)
         return false;
     // The handshake sends nothing and awaits nothing.
     FUZZ_CHECK(f.sendLen >= 0 && f.sendLen <= KQ71_FRAME_BYTES && f.recvLen >= 0 && (f.sendLen > 0 || f.recvLen == 0) &&
-                   f.reserved == 0,
-               "sendLen %d, recvLen %d", f.sendLen, f.recvLen);
+                   f.reserved == 0, "sendLen %d, recvLen %d", f.sendLen, f.recvLen);
     if (f.sendLen == 0)
         return true;
     const unsigned char *q = f.frame;
     const int function = q[1], count = q[4] << 8 | q[5];
     const bool read = function == 0x01 || function == 0x03, multiple = function == 0x0F || function == 0x10;
     const int dataBytes = function == 0x01 || function == 0x0F ? (count + 7) / 8 : 2 * count;
-    FUZZ_CHECK(read || multiple || function == 0x05 || function == 0x06, "function %02X", function);
-    FUZZ_CHECK(!multiple || q[6] == (dataBytes & 0xFF), "function %02X of %d units: %d bytes", function, count, q[6]);
-    FUZZ_CHECK(function != 0x05 || ((q[4] == 0xFF || q[4] == 0) && q[5] == 0), "bit value %02X %02X", q[4], q[5]);
-    FUZZ_CHECK(f.sendLen == (multiple ? 9 + dataBytes : 8) && f.recvLen == (read ? 5 + dataBytes : 8),
-               "function %02X of %d units: sendLen %d, recvLen %d", function, count, f.sendLen, f.recvLen);
     const QByteArray bytes(reinterpret_cast<const char *>(q), f.sendLen);
-    FUZZ_CHECK(withCrc(bytes.left(f.sendLen - 2)) == bytes && q[0] == (f.var.station & 0xFF), "station %d",
-               f.var.station);
+    // The functions' data byte count (a bit value FF00 or 0000), lengths, CRC and station.
+    FUZZ_CHECK((read || multiple || function == 0x05 || function == 0x06) &&
+                   (!multiple || q[6] == (dataBytes & 0xFF)) &&
+                   (function != 0x05 || ((q[4] == 0xFF || q[4] == 0) && q[5] == 0)) &&
+                   f.sendLen == (multiple ? 9 + dataBytes : 8) && f.recvLen == (read ? 5 + dataBytes : 8) &&
+                   withCrc(bytes.left(f.sendLen - 2)) == bytes && q[0] == (f.var.station & 0xFF),
+               "function %02X of %d units: sendLen %d, recvLen %d", function, count, f.sendLen, f.recvLen);
     FUZZ_CHECK(read ? (f.dataPos == 3 && f.itemCount == f.var.length && f.itemCount >= 1)
-                    : (f.dataPos == 0 && f.itemCount == 0),
-               "function %02X: dataPos %d, itemCount %d, length %d", function, f.dataPos, f.itemCount, f.var.length);
+                    : (f.dataPos == 0 && f.itemCount == 0), "dataPos %d, itemCount %d", f.dataPos, f.itemCount);
     return true;
 }
 
@@ -480,56 +449,20 @@ inline QByteArray goodReply(Input &in, const FRAME_PRO &f)
     return withCrc(QByteArray(reinterpret_cast<const char *>(f.frame), 2).append(char(data & 0xFF)) + in.bytes(data));
 }
 
-// A reply to the frame handed out last (none: f is 0), chosen by the input:
-// raw bytes of up to 1099, a correct reply with or without one flaw, an
-// exception reply, or bytes of exactly the length awaited. wellFormed: the
-// driver must take it.
-inline QByteArray makeReply(Input &in, const FRAME_PRO *f, bool &wellFormed)
-{
-    const uint8_t kind = in.byte();
-    const bool request = f && f->sendLen >= 8;
-    wellFormed = kind % 4 == 1 && request && ((kind >> 2) % 4 == 0 || (kind >> 2) % 4 == 3);
-    if (kind % 4 == 0) // any bytes, from nothing to more than a frame holds
-        return in.bytes(in.u16() % 1100);
-    if (kind % 4 == 1 && !request)
-        return in.bytes(in.byte());
-    if (kind % 4 == 1) {
-        QByteArray reply = goodReply(in, *f);
-        if ((kind >> 2) % 4 == 1) { // one byte changed
-            const int at = in.u16() % reply.size();
-            reply[at] = char(reply.at(at) ^ (in.byte() | 1));
-        } else if ((kind >> 2) % 4 == 2) { // a few bytes short or too many
-            const int delta = in.below(9) - 4;
-            reply = delta < 0 ? reply.left(reply.size() + delta) : reply + in.bytes(delta == 0 ? 1 : delta);
-        }
-        return reply;
-    }
-    if (kind % 4 == 2) { // an exception reply
-        QByteArray reply(1, char(request ? f->frame[0] : in.byte()));
-        reply.append(char((request ? f->frame[1] : in.byte()) | 0x80));
-        return withCrc(reply.append(char(in.byte())));
-    }
-    // Exactly as long as awaited, with a CRC that holds or not.
-    const QByteArray reply = in.bytes(f ? qBound(0, f->recvLen, 70000) : in.byte());
-    return (kind >> 2) % 2 && reply.size() >= 2 ? withCrc(reply.left(reply.size() - 2)) : reply;
-}
-
 // intf_dealRcvFrame with argument shapes from the input (no reply, no text, a
 // text filled beforehand). Its result is 1 exactly when the reply answers the
 // frame that is out, and its error text names that frame's job.
-inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wellFormed)
+inline int deal(Input &in, QByteArray reply, const FRAME_PRO *f, bool wellFormed)
 {
     const uint8_t shape = in.byte() % 8;
     const bool noReply = shape == 1, noText = shape == 2;
-    QByteArray reply = bytes;
     QString text = shape == 3 ? in.text() : QString(); // whatever the string held before
     const bool pending = !driver.frameQueue.isEmpty();
     const FRAME_PRO head = pending ? driver.frameQueue.first() : FRAME_PRO();
-    const VARIABLE &job = head.var;
     // Good is exactly: as long as the request awaits, with its CRC, from the
     // station and for the function asked; a read reply with its byte count
     // (modulo 256) and not the request echoed. Nothing else is decoded.
-    const QByteArray seen = noReply ? QByteArray() : bytes;
+    const QByteArray seen = noReply ? QByteArray() : reply;
     const int n = seen.size();
     const unsigned char *s = reinterpret_cast<const unsigned char *>(seen.constData());
     const bool good = pending && n == head.recvLen && n >= 5 && withCrc(seen.left(n - 2)) == seen &&
@@ -537,29 +470,62 @@ inline int deal(Input &in, const QByteArray &bytes, const FRAME_PRO *f, bool wel
                       ((head.frame[1] != 0x01 && head.frame[1] != 0x03) ||
                        (s[2] == ((n - 5) & 0xFF) &&
                         seen != QByteArray::fromRawData(reinterpret_cast<const char *>(head.frame), head.sendLen)));
-    const int result = checked("intf_dealRcvFrame", pending ? unitsNamed(job.length) : 0,
+    const int result = checked("intf_dealRcvFrame", unitsNamed(head.var.length),
                                [&] { return intf_dealRcvFrame(noReply ? nullptr : &reply, noText ? nullptr : &text); });
     FUZZ_CHECK(pending || (result == 0 && (noText || text.isEmpty())), "%d, \"%s\"", result, qPrintable(text));
     if (!pending)
         return result;
     FUZZ_CHECK((result == 1 || result == 2 || result == 8) && (result == 1) == good && (good || !wellFormed || noReply),
-               "%d for a reply of %d bytes to function %02X awaiting %d", result, n, head.frame[1], head.recvLen);
+               "%d for %d bytes, %d awaited", result, n, head.recvLen);
     // The error text names the job that was out; its form is pinned by the unit tests.
-    const QString station = QString::number(job.station) + QLatin1Char('#'), length = QString::number(job.length);
-    FUZZ_CHECK(noText || (text.startsWith(station) && text.contains(QLatin1Char('(') + length + QLatin1Char(')'))),
+    FUZZ_CHECK(noText || (text.startsWith(QString::number(head.var.station) + QLatin1Char('#')) &&
+                          text.contains(QString::fromLatin1("(%1)").arg(head.var.length))),
                "\"%s\"", qPrintable(text));
-    resendDue = result == 8 && f;
-    if (resendDue)
+    if ((resendDue = result == 8 && f))
         resendFrame = *f;
     return result;
+}
+
+// Answers the frame handed out last (none: f is 0) with a reply chosen by the
+// input: raw bytes of up to 1099, a correct reply with or without one flaw,
+// an exception reply, or bytes of exactly the length awaited; the driver must
+// take a correct one.
+inline int answer(Input &in, const FRAME_PRO *f)
+{
+    const uint8_t raw = in.byte(), kind = raw % 4, flaw = (raw >> 2) % 4;
+    const bool request = f && f->sendLen >= 8;
+    QByteArray reply = kind == 1 && request ? goodReply(in, *f) : QByteArray();
+    if (kind == 0) { // any bytes, from nothing to more than a frame holds
+        reply = in.bytes(in.u16() % 1100);
+    } else if (kind == 1 && !request) {
+        reply = in.bytes(in.byte());
+    } else if (kind == 1 && flaw == 1) { // one byte changed
+        const int at = in.u16() % reply.size();
+        reply[at] = char(reply.at(at) ^ (in.byte() | 1));
+    } else if (kind == 1 && flaw == 2) { // a few bytes short or too many
+        const int delta = in.below(9) - 4;
+        reply = delta < 0 ? reply.left(reply.size() + delta) : reply + in.bytes(delta == 0 ? 1 : delta);
+    } else if (kind == 2) { // an exception reply
+        reply.append(char(request ? f->frame[0] : in.byte()));
+        reply.append(char((request ? f->frame[1] : in.byte()) | 0x80));
+        reply = withCrc(reply.append(char(in.byte())));
+    } else if (kind == 3) { // exactly as long as awaited, with a CRC that holds or not
+        reply = in.bytes(f ? qBound(0, f->recvLen, 70000) : in.byte());
+        if (flaw % 2 && reply.size() >= 2)
+            reply = withCrc(reply.left(reply.size() - 2));
+    }
+    return deal(in, reply, f, kind == 1 && request && flaw % 3 == 0);
 }
 
 // Answered well, the exchange works off every write and condition read (and,
 // given the runtime, every recipe transfer its flags ask for) within bound
 // frames, and the open batch ends. Only a run of writes with no cyclic read
-// to take turns with may pause, once.
-inline void drain(Input &in, qint64 bound, const Runtime *runtime)
+// to take turns with may pause, once. The bound: both queues full, a cyclic
+// read between runs, every recipe block written and read (V and Z a frame per
+// word), as a nested call from a report may still fill the queues meanwhile.
+inline void drain(Input &in, const Runtime *runtime)
 {
+    const qint64 bound = 6 * qint64(MAX_QUEUED_JOBS) + 2 * (MAX_BLOCK_UNITS + 2) * qint64(driver.rcpBlocks.size()) + 64;
     const auto flag = [runtime](int offset) { return runtime ? runtime->sharedMem[offset] : 0; };
     const auto busy = [&] {
         return !driver.writeJobs.isEmpty() || !driver.conditionReads.isEmpty() || batch == Batch::Open ||
@@ -574,8 +540,8 @@ inline void drain(Input &in, qint64 bound, const Runtime *runtime)
             break;
         }
     }
-    FUZZ_CHECK(!busy(), "%d writes, %d condition reads, batch %d, recipe flags %d/%d left", driver.writeJobs.size(),
-               driver.conditionReads.size(), int(batch), flag(KQ71_RECIPE_WRITE_FLAG), flag(KQ71_RECIPE_READ_FLAG));
+    FUZZ_CHECK(!busy(), "%d writes, %d condition reads, batch %d left", driver.writeJobs.size(),
+               driver.conditionReads.size(), int(batch));
 }
 
 } // namespace kq71fuzz

@@ -12,7 +12,7 @@
 //   writes    count, then per write: register, address, length, value bytes
 //   condition register, address, length, id
 //   recipe    count, then per item: register, address, length, offset (u16)
-//   steps     until the input ends: a reply (see makeReply) and the shape of
+//   steps     until the input ends: a reply (see answer) and the shape of
 //             the intf_dealRcvFrame arguments (see deal)
 // The chosen job is set up first and made current with intf_getSendFrame; the
 // others are then queued behind it, as a runtime does while a frame is out.
@@ -41,17 +41,13 @@ KEY_ADDRESS readKey(Input &in)
 {
     const uint8_t pick = in.byte();
     const RegisterInfo &r = REGISTERS[pick % 19];
+    const bool bits = (pick & 0x80) && r.width == 16;
     KEY_ADDRESS key;
     key.station = 1;
-    key.regName = QString::fromLatin1(r.name);
-    key.address = addressIn(in, r);
+    key.regName = QString::fromLatin1(r.name) + QLatin1String(bits ? "_bit" : "");
+    key.address = bits ? addressIn(in, r) * 16 + (pick >> 3) % 16 : addressIn(in, r);
     key.length = unitsOf(r, in.byte() % 64);
-    key.dataType = r.width == 1 ? -1 : 0;
-    if ((pick & 0x80) && r.width == 16) {
-        key.regName += QLatin1String("_bit");
-        key.address = key.address * 16 + (pick >> 3) % 16;
-        key.dataType = -1;
-    }
+    key.dataType = r.width == 1 || bits ? -1 : 0;
     return key;
 }
 
@@ -60,7 +56,7 @@ KEY_ADDRESS readKey(Input &in)
 int runRepliesInput(const uint8_t *data, size_t size)
 {
     Runtime runtime;
-    Input in(data, size);
+    Input in{data, size};
     static const int gaps[] = {0, 1, 2, 5, 10, 16, 64, 200};
     const uint8_t config = in.byte();
     setCallback(config & 0x20 ? 2 : 1);
@@ -70,26 +66,25 @@ int runRepliesInput(const uint8_t *data, size_t size)
     const int current = choice % 5, first = qMin(current, 3);
     const bool bothFlags = choice & 0x08, readFlag = choice & 0x10;
 
-    // The four jobs: watch list, writes, condition read, recipe.
-    std::function<void()> setUp[4];
+    // The four jobs: watch list, writes, condition read, recipe; each the calls that set it up.
+    QList<std::function<void()>> setUp[4];
+    const auto run = [&setUp](int job) {
+        for (const std::function<void()> &call : setUp[job])
+            call();
+    };
     QList<KEY_ADDRESS> keys;
     for (int n = 1 + in.below(4); n > 0; --n)
         keys.append(readKey(in));
-    setUp[0] = [keys] { watch(keys); };
-    QList<std::function<void()>> writes;
+    setUp[0] << [keys] { watch(keys); };
     for (int n = 1 + in.below(3); n > 0; --n) {
         const RegisterInfo &r = REGISTERS[in.byte() % 19];
         const int address = addressIn(in, r), length = 1 + in.byte() % 32;
         const QByteArray values = in.bytes(valueBytes(QString::fromLatin1(r.name), length, false));
-        writes.append([=] { setData(1, QString::fromLatin1(r.name), address, length, values, true, 7); });
+        setUp[1] << [=] { setData(1, QString::fromLatin1(r.name), address, length, values, true, 7); };
     }
-    setUp[1] = [writes] {
-        for (const std::function<void()> &write : writes)
-            write();
-    };
     const KEY_ADDRESS key = readKey(in);
     const int id = in.byte();
-    setUp[2] = [key, id] { condition(key, id); };
+    setUp[2] << [key, id] { condition(key, id); };
     QVector<_RCP_VAR_PRO> items;
     for (int n = 1 + in.below(3); n > 0; --n) {
         const RegisterInfo &r = REGISTERS[in.byte() % 19];
@@ -102,40 +97,28 @@ int runRepliesInput(const uint8_t *data, size_t size)
         item.bufOffset = in.u16() % (RECIPE_BUFFER_WORDS - (r.width == 1 ? (item.length + 15) / 16 : item.length) + 1);
         items.append(item);
     }
-    setUp[3] = [items] { recipe(items); };
+    setUp[3] << [items] { recipe(items); };
 
     // The current job first, with the state the cycle must choose for it.
     if (current >= 3)
         runtime.setRecipeFlags(current == 3, current == 4 || bothFlags);
-    setUp[first]();
+    run(first);
     static const int states[] = {CYCLE_CYCLIC, CYCLE_WRITE, CYCLE_CONDITION, CYCLE_RECIPE_WRITE, CYCLE_RECIPE_READ};
     FRAME_PRO f;
     const bool expected = current < 2 || (current == 2 ? !driver.conditionReads.isEmpty() : !driver.rcpBlocks.isEmpty());
-    FUZZ_CHECK(nextFrame(f) == expected && (!expected || driver.cycleState == states[current]), "job %d, state %d",
-               current, driver.cycleState);
+    FUZZ_CHECK(nextFrame(f) == expected && (!expected || driver.cycleState == states[current]), "%d", current);
     // Then the rest, queued while that frame is out.
-    for (int i = 0; i < 4; ++i)
-        if (i != first)
-            setUp[i]();
+    for (int job = 0; job < 4; ++job)
+        if (job != first)
+            run(job);
     if (current < 3)
         runtime.setRecipeFlags(!readFlag || bothFlags, readFlag || bothFlags);
     else if (current == 4 && bothFlags)
         runtime.setRecipeFlags(1, 1); // a write asked for while a read is under way
 
-    bool have = expected;
-    for (int step = 0; step < 256 && !in.atEnd(); ++step) {
-        if (step > 0)
-            have = nextFrame(f);
-        bool wellFormed = false;
-        const QByteArray reply = makeReply(in, have ? &f : 0, wellFormed);
-        deal(in, reply, have ? &f : 0, wellFormed);
-    }
-    // A cyclic read after every ten writes and every three condition reads;
-    // V and Z recipe blocks take a frame per word, both ways.
-    qint64 frames = driver.writeJobs.size() + driver.conditionReads.size();
-    for (const _RCP_VAR_PRO &b : driver.rcpBlocks)
-        frames += 2 * qMax(1, b.regName == QLatin1String("V") || b.regName == QLatin1String("Z") ? b.length : 1);
-    Input none(0, 0);
-    drain(none, 2 * frames + 16, &runtime);
+    for (int step = 0; step < 256 && !in.atEnd(); ++step)
+        answer(in, (step == 0 ? expected : nextFrame(f)) ? &f : nullptr);
+    Input none{nullptr, 0};
+    drain(none, &runtime);
     return 0;
 }
