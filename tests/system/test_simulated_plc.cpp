@@ -1,123 +1,50 @@
-// The built driver against the simulated PLC in process: what the panel would
-// show must be what the PLC holds.
-#include "system_support.h"
+// The built driver against the simulated PLC in process, through the stand-in
+// runtime: what the panel would show must be what the PLC holds.
+#include "address_text.h"
+#include "plc_simulator.h"
+#include "runtime.h"
+#include "sim_link.h"
+#include "support.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
 #include <random>
-#include <set>
 
 using namespace kq71test;
 using namespace kq71rt;
 
 namespace {
 
-class SimulatedPlc : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        QString why;
-        ASSERT_NE(driver(&why), nullptr) << why.toStdString();
-    }
-};
+// Units as the runtime hands them over: a byte a bit, words low byte first,
+// 32-bit values low word first.
+int bytesOf(UnitKind kind) { return kind == UnitKind::Bit ? 1 : kind == UnitKind::DoubleWord ? 4 : 2; }
 
-TEST_F(SimulatedPlc, ConditionReadThatIsNeverAnsweredEndsItsBatchAsFailed)
+quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int address)
 {
-    kq71sim::SimOptions so;
-    so.station = 2; // deaf to station 1
-    RuntimeOptions ro;
-    ro.retries = 2;
-    ro.timeoutMs = 50;
-    SimBench b(so, ro);
-    b.rt.conditionRead(area("D", 500, 4), 42);
-    ASSERT_TRUE(runUntilIdle(b.rt, 100));
-    EXPECT_EQ(b.rt.takeBatchEnds(), QVector<int>{-1});
-    EXPECT_EQ(b.rt.stats().retries, 1u);
-    EXPECT_EQ(b.rt.stats().givenUp, 1u);
-    EXPECT_EQ(b.rt.stats().lastError, "1#D500(4): no reply within 50 ms");
-    EXPECT_GE(b.rt.stats().wireTimeUs, 2 * 50000);
+    const UnitPlace p = placeOf(reg, address);
+    if (p.kind == UnitKind::Bit)
+        return sim.bit(p.wire);
+    return sim.reg(p.wire) | (p.kind == UnitKind::DoubleWord ? quint32(sim.reg(p.wire + 1)) << 16 : 0);
 }
 
-// Bits inside words through the whole runtime: watched bits report, written
-// bits reach the PLC in word writes, and the other bits of each word keep the
-// values the PLC held, also in a word the driver had never read.
-TEST_F(SimulatedPlc, BitsInWordsChangeOnlyTheirOwnBitsOfThePlcsWords)
+void setSimValue(kq71sim::PlcSimulator &sim, const QString &reg, int address, quint32 value)
 {
-    SimBench b;
-    setSimValue(b.sim, "D", 100, 0xA5A5);
-    setSimValue(b.sim, "D", 101, 0x00FF);
-    setSimValue(b.sim, "D", 200, 0x1234);
-    const int jobs = b.rt.watch({area("D_bit", 1605, 1), area("D_bit", 1614, 4)});
-    ASSERT_EQ(jobs, 1);
-    ASSERT_TRUE(runCyclicReads(b.rt, 1));
-    QVector<int> bits;
-    for (const ChangeReport &r : b.rt.takeReports())
-        if (r.regName == "D_bit")
-            bits << r.address;
-    EXPECT_EQ(bits, (QVector<int>{1605, 1615, 1616, 1617}));
-
-    b.rt.write(1, "D_bit", 1605, 1, QByteArray("\x00", 1), 7);
-    b.rt.write(1, "D_bit", 1614, 4, QByteArray("\x01\x00\x00\x01", 4), 8);
-    b.rt.write(1, "D_bit", 3200, 1, QByteArray("\x01", 1), 9); // D200, never read
-    ASSERT_TRUE(runCyclicReads(b.rt, 4));
-    EXPECT_EQ(simValue(b.sim, "D", 100), 0x6585u); // bits 5 and 15 cleared, 14 set
-    EXPECT_EQ(simValue(b.sim, "D", 101), 0x00FEu); // bit 0 cleared
-    EXPECT_EQ(simValue(b.sim, "D", 200), 0x1235u);
-    EXPECT_EQ(b.rt.read(1, "D_bit", 1614, 4), QByteArray("\x01\x00\x00\x01", 4));
-    EXPECT_EQ(cachedValue(b.rt, 1, "D", 200), 0x1235u);
+    const UnitPlace p = placeOf(reg, address);
+    if (p.kind == UnitKind::Bit)
+        return sim.setBit(p.wire, value != 0);
+    sim.setReg(p.wire, quint16(value));
+    if (p.kind == UnitKind::DoubleWord)
+        sim.setReg(p.wire + 1, quint16(value >> 16));
 }
 
-TEST_F(SimulatedPlc, RecipeWrittenToThePlcReadsBackIntoTheRecipeBuffer)
+quint32 cachedValue(Runtime &rt, const QString &reg, int address)
 {
-    SimBench b;
-    auto item = [](int device, const char *reg, int address, int words, int offset) {
-        _RCP_VAR_PRO r;
-        r.deviceId = device;
-        r.station = 1;
-        r.regName = reg;
-        r.address = address;
-        r.length = words;
-        r.bufOffset = offset;
-        return r;
-    };
-    // D100 and D102 touch: one block, whose words stand back to back in the
-    // buffer. A 32-bit item holds one value.
-    ASSERT_EQ(b.rt.setRecipe({item(1, "D", 100, 2, 0), item(1, "D", 102, 3, 2), item(1, "200CC", 210, 2, 5),
-                              item(1, "200CC", 211, 2, 7), item(1, "V", 20, 2, 9), item(1, "TP", 7, 1, 11),
-                              item(2, "D", 300, 1, 12)}),
-              6);
-    // Where each unit stands in the buffer, in words.
-    const struct {
-        const char *reg;
-        int address, word;
-    } places[] = {{"D", 100, 0}, {"D", 101, 1},     {"D", 102, 2},     {"D", 103, 3}, {"D", 104, 4},
-                  {"200CC", 210, 5}, {"200CC", 211, 7}, {"V", 20, 9}, {"V", 21, 10}, {"TP", 7, 11}};
-    unsigned char *buf = b.rt.recipeBuffer();
-    auto valueAt = [&](const char *reg, int w) {
-        const quint32 low = buf[2 * w] | buf[2 * w + 1] << 8;
-        const quint32 high = buf[2 * w + 2] | buf[2 * w + 3] << 8;
-        return unitKindOf(reg) == UnitKind::DoubleWord ? low | high << 16 : low;
-    };
-    std::mt19937 rng(9);
-    for (int i = 0; i < 2 * 13; ++i)
-        buf[i] = uchar(rng());
-    b.rt.startRecipe(RecipeDirection::Write);
-    ASSERT_TRUE(b.rt.runUntil([&] { return !b.rt.recipeRunning(RecipeDirection::Write); }, 100));
-    EXPECT_EQ(b.rt.stats().givenUp, 0u);
-    for (const auto &p : places)
-        EXPECT_EQ(simValue(b.sim, p.reg, p.address), valueAt(p.reg, p.word)) << p.reg << p.address;
-    EXPECT_EQ(simValue(b.sim, "D", 300), 0u) << "another device's item was written";
-
-    for (const auto &p : places)
-        fillSim(b.sim, p.reg, p.address, 1, quint32(p.word + 10));
-    std::fill(buf, buf + 2 * 13, 0);
-    b.rt.startRecipe(RecipeDirection::Read);
-    ASSERT_TRUE(b.rt.runUntil([&] { return !b.rt.recipeRunning(RecipeDirection::Read); }, 100));
-    for (const auto &p : places)
-        EXPECT_EQ(valueAt(p.reg, p.word), simValue(b.sim, p.reg, p.address)) << p.reg << p.address;
-    const QVector<int> stored = b.rt.takeRecipeWords();
-    EXPECT_EQ(std::set<int>(stored.begin(), stored.end()), (std::set<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
+    const QByteArray b = rt.read(1, reg, address, driverLength(unitKindOf(reg), 1));
+    quint32 v = 0;
+    for (int i = b.size() - 1; i >= 0; --i)
+        v = v << 8 | quint8(b[i]);
+    return v;
 }
 
 // Every register family under every kind of line fault: no write is lost
@@ -125,28 +52,44 @@ TEST_F(SimulatedPlc, RecipeWrittenToThePlcReadsBackIntoTheRecipeBuffer)
 // failed, or replaced by a later write to the same address before it went
 // out. Once the faults stop, every watched value comes back to what the PLC
 // holds.
-TEST_F(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
+TEST(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
 {
     kq71sim::SimOptions so;
     so.seed = 17;
     kq71sim::FaultRates &f = so.faults;
     f.drop = f.cut = f.badCrc = f.exception = f.noise = f.echo = f.delay = 0.04;
     f.wrongStation = f.wrongFunction = 0.02;
-    f.delayMs = 300; // past the timeout: the reply comes too late
+    f.delayMs = 300;  // past the timeout: the reply comes too late
     RuntimeOptions ro;
     ro.timeoutMs = 100;
     ro.gap = 8;
-    SimBench b(so, ro);
+    kq71sim::PlcSimulator sim(so);
+    SimLink link(sim);
+    Runtime rt(driver(), link, ro);
+    QString error;
+    ASSERT_TRUE(link.open(&error)) << qPrintable(error);
+    rt.start();
+
     const struct {
         const char *reg;
         int first, units;
     } areas[] = {{"D", 0, 40}, {"M", 0, 40}, {"200CC", 200, 4}, {"V", 0, 4}, {"Z", 0, 4}, {"X", 0, 16}, {"256CP", 300, 2}};
+    std::mt19937 rng(23);
+    auto randomValue = [&](UnitKind k) -> quint32 { return k == UnitKind::Bit ? rng() & 1 : k == UnitKind::Word ? rng() & 0xFFFF : rng(); };
     QList<KEY_ADDRESS> keys;
     for (const auto &a : areas) {
-        fillSim(b.sim, a.reg, a.first, a.units, 20 + a.units);
-        keys << area(a.reg, a.first, a.units);
+        const UnitKind k = unitKindOf(a.reg);
+        for (int i = 0; i < a.units; ++i)
+            setSimValue(sim, a.reg, a.first + i, randomValue(k));
+        KEY_ADDRESS key;
+        key.station = 1;
+        key.regName = a.reg;
+        key.address = a.first;
+        key.dataType = driverDataType(k);
+        key.length = driverLength(k, a.units);
+        keys << key;
     }
-    const int jobs = b.rt.watch(keys);
+    const int jobs = rt.watch(keys);
 
     struct Write {
         QString reg;
@@ -156,11 +99,10 @@ TEST_F(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
     };
     const int FIRST_ID = 100;
     std::vector<Write> writes;
-    std::mt19937 rng(23);
     int cyclicEnded = 0;
     auto pump = [&](int steps) {
         for (int i = 0; i < steps; ++i) {
-            const Exchange ex = b.rt.step();
+            const Exchange ex = rt.step();
             if (ex.result != 1 && ex.result != 2)
                 continue;
             if (ex.write && ex.jobId >= FIRST_ID)
@@ -171,17 +113,18 @@ TEST_F(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
     for (int n = 0; n < 300; ++n) {
         const auto &a = areas[rng() % 7];
         const UnitKind k = unitKindOf(a.reg);
-        Write w{a.reg, a.first + int(rng() % quint32(a.units)), 0, 0};
-        w.value = k == UnitKind::Bit ? rng() & 1 : k == UnitKind::Word ? rng() & 0xFFFF : rng();
-        b.rt.write(1, w.reg, w.address, k == UnitKind::DoubleWord ? 2 : 1, valueBytes(k, w.value),
-                   FIRST_ID + int(writes.size()));
+        Write w{a.reg, a.first + int(rng() % quint32(a.units)), randomValue(k), 0};
+        QByteArray bytes;
+        for (int i = 0; i < bytesOf(k); ++i)
+            bytes.append(char(w.value >> (8 * i)));
+        rt.write(1, w.reg, w.address, driverLength(k, 1), bytes, FIRST_ID + int(writes.size()));
         writes.push_back(w);
         pump(4);
     }
-    EXPECT_GT(b.sim.stats().faults, 100u);
-    EXPECT_GT(b.rt.stats().retries, 0u);
+    EXPECT_GT(sim.stats().faults, 100u);
+    EXPECT_GT(rt.stats().retries, 0u);
 
-    b.sim.setFaults(kq71sim::FaultRates());
+    sim.setFaults(kq71sim::FaultRates());
     cyclicEnded = 0;
     for (int i = 0; i < 100 && cyclicEnded < 3 * jobs; ++i)
         pump(10);
@@ -198,12 +141,20 @@ TEST_F(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
         EXPECT_TRUE(w.result != 0 || !lastOfUnit) << "write " << i << " to " << unit << " vanished without a result";
         (w.result == 1 ? acked : failed) += w.result != 0;
         if (lastOfUnit && w.result == 1)
-            EXPECT_EQ(simValue(b.sim, w.reg, w.address), w.value) << "acknowledged write " << i << " to " << unit;
+            EXPECT_EQ(simValue(sim, w.reg, w.address), w.value) << "acknowledged write " << i << " to " << unit;
     }
     EXPECT_GT(acked, 100);
-    EXPECT_GT(failed + int(b.rt.stats().givenUp), 0);
+    EXPECT_GT(failed + int(rt.stats().givenUp), 0);
     for (const auto &a : areas)
-        b.expectCacheMatchesSim(a.reg, a.first, a.units);
+        for (int i = a.first; i < a.first + a.units; ++i)
+            EXPECT_EQ(cachedValue(rt, a.reg, i), simValue(sim, a.reg, i)) << unitName(a.reg, i).toStdString();
+}
+
+TEST(DriverLoading, LinkDefaultsComeFromTheDriversParameterText)
+{
+    const DriverDefaults d = driver().defaults();
+    EXPECT_EQ(std::make_tuple(d.baud, d.dataBits, d.parity, d.stopBits, d.port, d.name, d.registers.size()),
+              std::make_tuple(19200, 8, QString("NONE"), 2, 8000, QString("vorn_kq71_ap"), 19));
 }
 
 } // namespace

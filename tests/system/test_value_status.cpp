@@ -11,27 +11,25 @@ TEST(ValueStatus, ValuesAreNeverReadGoodOrStaleByFailureOrAge)
 {
     ValueStatus s;
     s.setStaleAfterMs(1000);
-    EXPECT_EQ(s.quality(1, "D", 10, 0), Quality::NeverRead);
     s.readEnded(1, "D", 10, 3, false, 100);  // a first read given up: stale, with no value
-    EXPECT_EQ(s.quality(1, "D", 11, 100), Quality::Stale);
     EXPECT_EQ(s.lastGoodMs(1, "D", 11), -1);
-    s.readEnded(1, "D", 10, 3, true, 200);
-    struct Case {
+    const struct {
         int station;
         const char *reg;
-        int address;
+        int address, readOk;  // -1: no read before this case
         qint64 now;
         Quality want;
+    } cases[] = {
+        {1, "D", 10, -1, 0, Quality::Stale},      {1, "D", 10, 1, 200, Quality::Good},
+        {1, "D", 12, -1, 1200, Quality::Good},    {1, "D", 12, -1, 1201, Quality::Stale},  // older than the stale age
+        {1, "D", 13, -1, 200, Quality::NeverRead},  // past the read
+        {2, "D", 10, -1, 200, Quality::NeverRead},  {1, "TC", 10, -1, 200, Quality::NeverRead},
     };
-    const Case cases[] = {
-        {1, "D", 10, 200, Quality::Good},      {1, "D", 12, 1200, Quality::Good},
-        {1, "D", 12, 1201, Quality::Stale},    // older than the stale age
-        {1, "D", 13, 200, Quality::NeverRead}, // past the read
-        {2, "D", 10, 200, Quality::NeverRead}, // another station
-        {1, "TC", 10, 200, Quality::NeverRead},
-    };
-    for (const Case &c : cases)
+    for (const auto &c : cases) {
+        if (c.readOk >= 0)
+            s.readEnded(1, "D", 10, 3, c.readOk, c.now);
         EXPECT_EQ(s.quality(c.station, c.reg, c.address, c.now), c.want) << c.reg << c.address << " at " << c.now;
+    }
     s.readEnded(1, "D", 11, 1, false, 300);
     EXPECT_EQ(s.quality(1, "D", 11, 300), Quality::Stale);
     EXPECT_TRUE(s.lastReadFailed(1, "D", 11));
@@ -39,30 +37,27 @@ TEST(ValueStatus, ValuesAreNeverReadGoodOrStaleByFailureOrAge)
     EXPECT_EQ(s.quality(1, "D", 10, 300), Quality::Good);
 }
 
+// Offline after three jobs in a row given up, online at the next good reply.
 TEST(ValueStatus, AStationGoesOfflineAfterJobsInARowGivenUpAndBackAtAGoodReply)
 {
     ValueStatus s(3);
     using C = ValueStatus::Change;
-    EXPECT_EQ(s.state(1), StationState::Unknown);
+    const StationState U = StationState::Unknown, OFF = StationState::Offline, ON = StationState::Online;
+    EXPECT_EQ(s.state(1), U);
     const struct {
         bool good;
         C change;
         StationState state;
     } steps[] = {
-        {false, C::None, StationState::Unknown},     {false, C::None, StationState::Unknown},
-        {false, C::WentOffline, StationState::Offline}, {false, C::None, StationState::Offline},
-        {true, C::CameOnline, StationState::Online},  {false, C::None, StationState::Online},
-        {false, C::None, StationState::Online},       {true, C::None, StationState::Online},
-        {false, C::None, StationState::Online},       {false, C::None, StationState::Online},
-        {false, C::WentOffline, StationState::Offline},
+        {false, C::None, U},   {false, C::None, U},   {false, C::WentOffline, OFF}, {false, C::None, OFF},
+        {true, C::CameOnline, ON}, {false, C::None, ON}, {false, C::None, ON},   {true, C::None, ON},
+        {false, C::None, ON},  {false, C::None, ON},  {false, C::WentOffline, OFF},
     };
-    int i = 0;
-    for (const auto &step : steps) {
-        EXPECT_EQ(s.jobEnded(1, step.good), step.change) << "step " << i;
-        EXPECT_EQ(s.state(1), step.state) << "step " << i;
-        ++i;
+    for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
+        EXPECT_EQ(s.jobEnded(1, steps[i].good), steps[i].change) << "step " << i;
+        EXPECT_EQ(s.state(1), steps[i].state) << "step " << i;
     }
-    EXPECT_EQ(s.state(2), StationState::Unknown);  // stations are counted apart
+    EXPECT_EQ(s.state(2), U);  // stations are counted apart
     EXPECT_TRUE(s.anyGood());
 }
 

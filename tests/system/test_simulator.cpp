@@ -1,12 +1,21 @@
+// The simulated PLC the other tests lean on: its replies byte for byte, its
+// faults and moving values, its framing of a stream, and the kq71-sim program
+// over TCP (its pseudo-terminal carries the watch tests).
 #include "plc_simulator.h"
+#include "sim_process.h"
+#include "support.h"
 
 #include <gtest/gtest.h>
+
+#include <QtNetwork/QHostAddress>
+#include <QtNetwork/QTcpSocket>
 
 #include <map>
 #include <string>
 #include <vector>
 
 using namespace kq71sim;
+using namespace kq71test;
 
 namespace {
 
@@ -22,11 +31,10 @@ QByteArray crcd(const QByteArray &body)
         for (int k = 0; k < 8; ++k)
             crc = crc & 1 ? (crc >> 1) ^ 0xA001 : crc >> 1;
     }
-    return body + QByteArray(1, char(crc & 0xFF)) + QByteArray(1, char(crc >> 8));
+    return body + char(crc & 0xFF) + char(crc >> 8);
 }
 QByteArray crcd(const char *bodyHex) { return crcd(hex(bodyHex)); }
 
-// station, fn, address, count: the head every request of interest starts with.
 QByteArray head(int station, int fn, int address, int count)
 {
     const char b[] = {char(station), char(fn), char(address >> 8), char(address), char(count >> 8), char(count)};
@@ -43,14 +51,6 @@ QByteArray writeRegisters(int address, int count, int station = 1)
     return crcd(b);
 }
 
-QByteArray exceptionOf(int fn, int code) { return crcd(QByteArray(1, 1) + char(fn | 0x80) + char(code)); }
-
-SimOptions strictOptions()
-{
-    SimOptions o;
-    o.strict = true;
-    return o;
-}
 
 const int D = 0x4338, M = 0x0200, Y = 0x0100;
 
@@ -58,15 +58,12 @@ TEST(SimulatorReplies, AnswersKnownRequestsByteForByte)
 {
     const struct {
         const char *name;
-        std::map<int, int> regs, bits; // before
+        std::map<int, int> regs, bits;  // before
         QByteArray request, reply;
         std::map<int, int> regsAfter, bitsAfter;
     } cases[] = {
-        {"read D100..102", {{D + 100, 1}, {D + 101, 2}, {D + 102, 3}}, {}, hex("01 03 43 9C 00 03 D0 61"),
-         hex("01 03 06 00 01 00 02 00 03 FD 74"), {}, {}},
-        {"read D100 = 0x1234", {{D + 100, 0x1234}}, {}, hex("01 03 43 9C 00 01 51 A0"), hex("01 03 02 12 34 B5 33"),
-         {}, {}},
-        {"read M100 set", {}, {{M + 100, 1}}, hex("01 01 02 64 00 01 BD AD"), crcd("01 01 01 01"), {}, {}},
+        {"read D100..102", {{D + 100, 1}, {D + 101, 0x1234}, {D + 102, 3}}, {}, hex("01 03 43 9C 00 03 D0 61"),
+         crcd("01 03 06 00 01 12 34 00 03"), {}, {}},
         {"read 10 bits LSB first", {}, {{M, 1}, {M + 2, 1}, {M + 3, 1}, {M + 8, 1}, {M + 9, 1}},
          readRequest(0x01, M, 10), crcd("01 01 02 0D 03"), {}, {}},
         {"write D100 echoes", {}, {}, hex("01 06 43 9C 12 34 51 17"), hex("01 06 43 9C 12 34 51 17"),
@@ -76,8 +73,10 @@ TEST(SimulatorReplies, AnswersKnownRequestsByteForByte)
         {"set Y10 echoes", {}, {}, hex("01 05 01 08 FF 00 0C 04"), hex("01 05 01 08 FF 00 0C 04"), {}, {{Y + 8, 1}}},
         {"clear Y10 echoes", {}, {{Y + 8, 1}}, crcd("01 05 01 08 00 00"), crcd("01 05 01 08 00 00"), {}, {{Y + 8, 0}}},
         {"write M0..9", {}, {}, hex("01 0F 02 00 00 0A 02 0D 03 82 69"), crcd("01 0F 02 00 00 0A"), {},
-         {{M, 1}, {M + 1, 0}, {M + 2, 1}, {M + 3, 1}, {M + 4, 0}, {M + 5, 0}, {M + 6, 0}, {M + 7, 0}, {M + 8, 1},
-          {M + 9, 1}, {M + 10, 0}}},
+         {{M, 1}, {M + 1, 0}, {M + 2, 1}, {M + 3, 1}, {M + 7, 0}, {M + 8, 1}, {M + 9, 1}, {M + 10, 0}}},
+        // Past the standard limits: 200 registers with the wrapped byte count 0x90.
+        {"write 200 registers", {}, {}, writeRegisters(D + 1000, 200), crcd("01 10 47 20 00 C8"),
+         {{D + 1000, 1}, {D + 1199, 200}, {D + 1200, 0}}, {}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -96,8 +95,13 @@ TEST(SimulatorReplies, AnswersKnownRequestsByteForByte)
     }
 }
 
-TEST(SimulatorReplies, RefusesWithTheRightExceptionCode)
+// Every request is answered, refused with an exception code, or met with
+// silence (a frame not meant for it, or a broadcast, carried out unanswered).
+TEST(SimulatorReplies, RefusesWithTheRightExceptionCodeKeepsItsLimitsAndKeepsSilence)
 {
+    QByteArray badCrc = hex("01 03 43 9C 00 03 D0 61");
+    badCrc[7] = char(0x62);
+    const int SILENT = -1, ANSWERED = 0;
     const struct {
         const char *name;
         bool strict;
@@ -114,75 +118,56 @@ TEST(SimulatorReplies, RefusesWithTheRightExceptionCode)
         {"bit value neither on nor off", false, crcd("01 05 02 00 12 34"), 0x05, 3},
         {"bit byte count off", false, crcd("01 0F 02 00 00 0A 01 0D"), 0x0F, 3},
         {"register byte count off", false, crcd("01 10 43 38 00 02 02 00 01 00 02"), 0x10, 3},
+        {"256 registers", false, readRequest(0x03, D, 256), 0x03, ANSWERED},
         {"257 registers", false, readRequest(0x03, D, 257), 0x03, 3},
         {"2049 bits", false, readRequest(0x01, 0, 2049), 0x01, 3},
+        {"507-register write", false, writeRegisters(D, 507), 0x10, ANSWERED},
         {"508-register write", false, writeRegisters(D, 508), 0x10, 3},
         {"126 registers, strict", true, readRequest(0x03, D, 126), 0x03, 3},
         {"2001 bits, strict", true, readRequest(0x01, 0, 2001), 0x01, 3},
         {"124-register write, strict", true, writeRegisters(D, 124), 0x10, 3},
         {"wrapped byte count, strict", true, writeRegisters(D, 200), 0x10, 3},
+        {"bad CRC", false, badCrc, 0, SILENT},
+        {"another station", false, crcd("02 03 43 9C 00 03"), 0, SILENT},
+        {"read one byte too long", false, crcd("01 03 43 9C 00 03 00"), 0, SILENT},
+        {"bit write shorter than its byte count", false, crcd("01 0F 02 00 00 10 02 FF"), 0, SILENT},
+        {"too short to hold a CRC", false, hex("01 03 02"), 0, SILENT},
+        {"empty", false, QByteArray(), 0, SILENT},
     };
     for (const auto &c : cases) {
-        PlcSimulator sim(c.strict ? strictOptions() : SimOptions());
-        EXPECT_EQ(show(sim.answer(c.request).bytes), show(exceptionOf(c.fn, c.code))) << c.name;
-        EXPECT_EQ(sim.stats().exceptions, 1u) << c.name;
+        SCOPED_TRACE(c.name);
+        SimOptions o;
+        o.strict = c.strict;
+        PlcSimulator sim(o);
+        const QByteArray reply = sim.answer(c.request).bytes;
+        EXPECT_EQ(sim.stats().exceptions, c.code > 0 ? 1u : 0u);
+        EXPECT_EQ(sim.stats().ignored, c.code == SILENT ? 1u : 0u);
+        if (c.code == SILENT)
+            EXPECT_TRUE(reply.isEmpty());
+        else if (c.code == ANSWERED)
+            EXPECT_TRUE(crcOk(reply) && reply.at(1) == c.fn);
+        else
+            EXPECT_EQ(show(reply), show(crcd(QByteArray(1, 1) + char(c.fn | 0x80) + char(c.code))));
     }
-}
-
-TEST(SimulatorReplies, LongRequestsWorkOnlyOutsideStrictMode)
-{
-    PlcSimulator family, strict(strictOptions());
-    for (int i = 0; i < 256; ++i)
-        family.setReg(D + i, std::uint16_t(i * 3));
     // 256 registers: 512 data bytes, byte count 0 (mod 256).
+    PlcSimulator family;
+    family.setReg(D + 255, 255 * 3);
     const QByteArray reply = family.answer(readRequest(0x03, D, 256)).bytes;
     ASSERT_EQ(reply.size(), 5 + 512);
     EXPECT_EQ(reply.at(2), 0);
-    EXPECT_EQ(static_cast<unsigned char>(reply.at(3 + 2 * 255 + 1)), 255 * 3 & 0xFF);
-    EXPECT_TRUE(crcOk(reply));
-    EXPECT_EQ(show(strict.answer(readRequest(0x03, D, 256)).bytes), show(exceptionOf(0x03, 3)));
+    EXPECT_EQ(quint8(reply.at(3 + 2 * 255 + 1)), 255 * 3 & 0xFF);
     EXPECT_EQ(family.answer(readRequest(0x01, 0, 2048)).bytes.size(), 5 + 256);
-    // 200 registers written with the wrapped byte count 0x90.
-    EXPECT_EQ(show(family.answer(writeRegisters(D + 1000, 200)).bytes), show(crcd("01 10 47 20 00 C8")));
-    EXPECT_EQ(family.reg(D + 1000), 1);
-    EXPECT_EQ(family.reg(D + 1199), 200);
-    EXPECT_EQ(family.reg(D + 1200), 0);
-    EXPECT_EQ(family.answer(writeRegisters(D, 507)).bytes.size(), 8);
-}
-
-TEST(SimulatorSilence, StaysSilentForFramesNotMeantForItAndCarriesOutBroadcasts)
-{
-    QByteArray badCrc = hex("01 03 43 9C 00 03 D0 61");
-    badCrc[7] = char(0x62);
-    const struct {
-        const char *name;
-        QByteArray request;
-    } cases[] = {
-        {"bad CRC", badCrc},
-        {"another station", crcd("02 03 43 9C 00 03")},
-        {"read one byte too long", crcd("01 03 43 9C 00 03 00")},
-        {"bit write shorter than its byte count", crcd("01 0F 02 00 00 10 02 FF")},
-        {"too short to hold a CRC", hex("01 03 02")},
-        {"empty", QByteArray()},
-    };
-    for (const auto &c : cases) {
-        PlcSimulator sim;
-        EXPECT_TRUE(sim.answer(c.request).bytes.isEmpty()) << c.name;
-        EXPECT_EQ(sim.stats().ignored, 1u) << c.name;
-        EXPECT_EQ(sim.stats().replies, 0u) << c.name;
-    }
-    PlcSimulator sim;
-    EXPECT_TRUE(sim.answer(crcd("00 06 43 9C 12 34")).bytes.isEmpty());
-    EXPECT_TRUE(sim.answer(writeRegisters(D, 3, 0)).bytes.isEmpty());
-    EXPECT_EQ(sim.reg(D + 100), 0x1234);
-    EXPECT_EQ(sim.reg(D + 2), 3);
-    EXPECT_EQ(sim.stats().broadcasts, 2u);
+    EXPECT_TRUE(family.answer(crcd("00 06 43 9C 12 34")).bytes.isEmpty());
+    EXPECT_TRUE(family.answer(writeRegisters(D, 3, 0)).bytes.isEmpty());
+    EXPECT_EQ(family.reg(D + 100), 0x1234);
+    EXPECT_EQ(family.reg(D + 2), 3);
+    EXPECT_EQ(family.stats().broadcasts, 2u);
 }
 
 // One fault at a time, at rate 1, on a register write.
 TEST(SimulatorFaults, EachFaultSpoilsTheReplyAndExecutesOrNotAsDocumented)
 {
-    const QByteArray good = hex("01 06 43 9C 12 34 51 17"); // the request, and its echo
+    const QByteArray good = hex("01 06 43 9C 12 34 51 17");  // the request, and its echo
     const struct {
         Fault fault;
         double FaultRates::*rate;
@@ -204,7 +189,7 @@ TEST(SimulatorFaults, EachFaultSpoilsTheReplyAndExecutesOrNotAsDocumented)
             const SimReply r = sim.answer(good);
             ASSERT_EQ(r.fault, c.fault);
             EXPECT_TRUE(r.faulted);
-            EXPECT_EQ(sim.reg(D + 100) == 0x1234, c.fault != FaultException); // a refused request is not carried out
+            EXPECT_EQ(sim.reg(D + 100) == 0x1234, c.fault != FaultException);  // a refused request is not carried out
             EXPECT_EQ(sim.stats().faults, 1u);
             EXPECT_EQ(sim.stats().byFault[c.fault], 1u);
             const QByteArray &b = r.bytes;
@@ -217,13 +202,10 @@ TEST(SimulatorFaults, EachFaultSpoilsTheReplyAndExecutesOrNotAsDocumented)
             case FaultWrongFunction:
                 EXPECT_TRUE(crcOk(b) && b.at(at) != good.at(at) && b.mid(at + 1, 4) == good.mid(at + 1, 4));
                 break;
-            case FaultException: EXPECT_EQ(show(b), show(exceptionOf(0x06, 4))); break;
-            case FaultNoise:
-                EXPECT_TRUE(b.size() >= good.size() + 1 && b.size() <= good.size() + 8 && b.contains(good));
-                break;
+            case FaultException: EXPECT_EQ(show(b), show(crcd("01 86 04"))); break;
+            case FaultNoise: EXPECT_TRUE(b.size() > good.size() && b.size() <= good.size() + 8 && b.contains(good)); break;
             case FaultEcho: EXPECT_EQ(show(b), show(good + good)); break;
-            case FaultDelay: EXPECT_TRUE(show(b) == show(good) && r.delayMs == 250); break;
-            default: break;
+            default: EXPECT_TRUE(show(b) == show(good) && r.delayMs == 250); break;
             }
         }
     }
@@ -260,17 +242,12 @@ TEST(SimulatorMovers, ValuesMoveWithTheSimulatedClockOnly)
     sim.addWave(D + 10);
     EXPECT_EQ(sim.reg(D + 10), 500);
     sim.advance(250);
-    EXPECT_EQ(sim.reg(D), 2);
-    EXPECT_FALSE(sim.bit(M));
-    EXPECT_EQ(sim.reg(D + 10), 578); // 500 + 500 sin(2pi/40), rounded
+    EXPECT_EQ(std::make_tuple(sim.reg(D), sim.bit(M), sim.reg(D + 10)), std::make_tuple(2, false, 578));  // 500 + 500 sin(2pi/40)
     for (int i = 0; i < 25; ++i)
-        sim.advance(10); // small steps add up across step edges
-    EXPECT_EQ(sim.reg(D), 5);
-    EXPECT_TRUE(sim.bit(M));
-    sim.advance(2000); // 2500 ms: a quarter period, wave at its top
-    EXPECT_EQ(sim.reg(D), 25);
-    EXPECT_TRUE(sim.bit(M)); // four more flips
-    EXPECT_EQ(sim.reg(D + 10), 1000);
+        sim.advance(10);  // small steps add up across step edges
+    EXPECT_EQ(std::make_tuple(sim.reg(D), sim.bit(M)), std::make_tuple(5, true));
+    sim.advance(2000);  // 2500 ms: a quarter period, wave at its top; four more flips
+    EXPECT_EQ(std::make_tuple(sim.reg(D), sim.bit(M), sim.reg(D + 10)), std::make_tuple(25, true, 1000));
     sim.advance(5000);
     EXPECT_EQ(sim.reg(D + 10), 0);
     sim.advance(0);
@@ -280,14 +257,14 @@ TEST(SimulatorMovers, ValuesMoveWithTheSimulatedClockOnly)
 
 TEST(SimulatorFramer, CutsRequestsOutOfAStreamByTheLengthTheirFunctionGives)
 {
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01")), 0);
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01 05")), 8);
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01 0F 02 00 00")), 0);
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01 0F 02 00 00 0A 02")), 11);
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01 10 43 9C 00 7F FE")), 9 + 254);
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01 10 43 9C 00 80 00")), 9 + 256); // the byte count has wrapped
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01 10 43 9C 00 C8 90")), 9 + 400);
-    EXPECT_EQ(RtuFramer::expectedLength(hex("01 2B")), -1);
+    const struct {
+        const char *start;
+        int length;  // 0: not known yet, -1: never
+    } lengths[] = {{"01", 0}, {"01 05", 8}, {"01 0F 02 00 00", 0}, {"01 0F 02 00 00 0A 02", 11},
+                   {"01 10 43 9C 00 7F FE", 9 + 254}, {"01 10 43 9C 00 80 00", 9 + 256},  // the byte count has wrapped
+                   {"01 10 43 9C 00 C8 90", 9 + 400}, {"01 2B", -1}};
+    for (const auto &c : lengths)
+        EXPECT_EQ(RtuFramer::expectedLength(hex(c.start)), c.length) << c.start;
 
     RtuFramer f;
     const QByteArray read = hex("01 03 43 9C 00 03 D0 61");
@@ -308,6 +285,54 @@ TEST(SimulatorFramer, CutsRequestsOutOfAStreamByTheLengthTheirFunctionGives)
     EXPECT_TRUE(f.pending());
     f.flush();
     EXPECT_EQ(f.feed(read), QList<QByteArray>{read});
+}
+
+// Writes a request, then reads until `count` bytes came or none for 3 s.
+QByteArray ask(QTcpSocket &s, const QByteArray &request, int count)
+{
+    s.write(request);
+    QByteArray got;
+    while (got.size() < count && (s.bytesAvailable() > 0 || s.waitForReadyRead(3000)))
+        got += s.read(count - got.size());
+    return got;
+}
+
+TEST(SimulatorServer, ServesRawRtuFramesToTcpClientsSharingOneMemoryAndStopsOnSigterm)
+{
+    SimProcess sim({"--tcp", "0", "--quiet", "--duration", "20"});
+    ASSERT_TRUE(sim.first.startsWith("TCP 127.0.0.1:")) << sim.first.toStdString();
+    QTcpSocket a, b;
+    for (QTcpSocket *s : {&a, &b}) {
+        s->connectToHost(QHostAddress::LocalHost, quint16(sim.first.mid(14).toInt()));
+        ASSERT_TRUE(s->waitForConnected(3000));
+    }
+    // Two requests in one write come back as two replies.
+    EXPECT_EQ(show(ask(a, hex("01 10 43 9C 00 02 04 00 01 00 02 0F A4 01 03 43 9C 00 03 D0 61"), 8 + 11)),
+              "01 10 43 9C 00 02 94 62 01 03 06 00 01 00 02 00 00 BD 75");
+    EXPECT_EQ(show(ask(b, hex("01 03 43 9C 00 01 51 A0"), 7)), "01 03 02 00 01 79 84");
+    ASSERT_TRUE(sim.stop());
+    EXPECT_EQ(std::make_pair(sim.exitStatus(), sim.exitCode()), std::make_pair(QProcess::NormalExit, 0));
+    EXPECT_TRUE(sim.readAllStandardOutput().contains("replies=3 "));
+}
+
+// Wrong options exit 64 naming the option; a refusal of the system names the
+// option and the system's reason; --help describes every option.
+TEST(SimulatorServer, OptionsAreDescribedAndTheirErrorsNamed)
+{
+    expectRuns(KQ71_SIM_EXE, {
+        {{"--tcp", "99999"}, 64, {"--tcp takes a port from 0 to 65535, not \"99999\""}},
+        {{"--bind", "300.1.1.1"}, 64, {"--bind takes an IPv4 address such as 127.0.0.1, not \"300.1.1.1\""}},
+        {{"--station", "0"}, 64, {"--station needs a number from 1 to 255, not \"0\""}},
+        {{"--drop", "2"}, 64, {"--drop needs a number from 0 to 1"}},
+        {{"--frobnicate"}, 64, {"unknown option --frobnicate"}},
+        // 192.0.2.1 is a documentation address: never one of this machine's.
+        {{"--tcp", "0", "--bind", "192.0.2.1"}, 1, {"--tcp 0 --bind 192.0.2.1: cannot listen: Cannot assign requested address"}},
+        {{"--tcp", "0", "--quiet", "--move", "--duration", "0.3"}, 0, {"MOVE counters D0..D3", "stats: requests=0"}},
+        {{"--help"}, 0, {"--pty", "--link PATH", "--tcp [PORT]", "--bind ADDR", "--station N", "--strict", "--move",
+                         "--baud N", "--duration SEC", "--quiet", "--drop P", "--cut P", "--bad-crc P",
+                         "--wrong-station P", "--wrong-function P", "--exception P", "--noise P", "--echo P",
+                         "--delay P", "--delay-ms MS", "--seed N"}},
+    });
 }
 
 } // namespace
