@@ -1,5 +1,6 @@
 // The tag file and the value conversions: what a bad entry is told, and how
 // each type goes between the driver's bytes, the broker's text and a set.
+#include "support.h"
 #include "tags.h"
 
 #include <gtest/gtest.h>
@@ -12,62 +13,36 @@ using namespace kq71rt;
 
 namespace {
 
-class TagFile : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        QString error;
-        ASSERT_TRUE(driver.load(KQ71_DRIVER_FILE, &error)) << qPrintable(error);
-        catalogue = registerCatalogue(driver);
-    }
-
-    static bool parse(const QByteArray &json, QVector<Tag> *tags, QStringList *errors)
-    {
-        return parseTags(json, driver, catalogue, 1, tags, errors);
-    }
-
-    static Tag one(const char *entry)
-    {
-        QVector<Tag> tags;
-        QStringList errors;
-        EXPECT_TRUE(parse(QByteArray("[") + entry + "]", &tags, &errors)) << qPrintable(errors.join('\n'));
-        return tags.value(0);
-    }
-
-    static DriverLibrary driver;
-    static QList<RegisterInfo> catalogue;
-};
-
-DriverLibrary TagFile::driver;
-QList<RegisterInfo> TagFile::catalogue;
-
-TEST_F(TagFile, GoodEntriesFindTheirUnits)
+bool parse(const QByteArray &json, QVector<Tag> *tags, QStringList *errors)
 {
-    const Tag word = one(R"({"name":"speed","address":"d100","type":"int16","writable":true,"deadband":2.5,
-                             "interval":500,"station":7})");
-    EXPECT_EQ(word.regName, "D");
-    EXPECT_EQ(word.address, 100);
-    EXPECT_EQ(word.station, 7);
-    EXPECT_EQ(word.intervalMs, 500);
-    EXPECT_EQ(word.deadband, 2.5);
-    EXPECT_TRUE(word.writable);
-
-    const Tag octal = one(R"({"name":"x","address":"X20","type":"bool"})");
-    EXPECT_EQ(octal.address, 16);  // X addresses are octal
-    EXPECT_EQ(octal.station, 1);   // the command line's station
-
-    const Tag pair = one(R"({"name":"p","address":"D200","type":"float32"})");
-    EXPECT_EQ(pair.units, 2);
-    EXPECT_EQ(pair.driverLength(), 2);
-    const Tag dword = one(R"({"name":"c","address":"200CC200","type":"uint32"})");
-    EXPECT_EQ(dword.units, 1);
-    EXPECT_EQ(dword.driverLength(), 2);
-    const Tag bit = one(R"({"name":"b","address":"D100.15","type":"bool"})");
-    EXPECT_EQ(bit.bit, 15);
-    EXPECT_EQ(bit.dataType(), 0);  // watched as its word
+    return parseTags(json, kq71test::driver(), registerCatalogue(kq71test::driver()), 1, tags, errors);
 }
 
-TEST_F(TagFile, BadEntriesAreRefusedWithTheEntryAndTheReason)
+Tag one(const char *entry)
+{
+    QVector<Tag> tags;
+    QStringList errors;
+    EXPECT_TRUE(parse(QByteArray("[") + entry + "]", &tags, &errors)) << qPrintable(errors.join('\n'));
+    return tags.value(0);
+}
+
+QJsonValue jsonValue(const char *text) { return QJsonDocument::fromJson(QByteArray("[") + text + "]").array().at(0); }
+
+// The keys the bridge's tests leave at their defaults, and how many registers
+// each type spans.
+TEST(TagFile, GoodEntriesFindTheirUnits)
+{
+    const Tag word = one(R"({"name":"speed","address":"d100","type":"int16","deadband":2.5,"interval":500,"station":7})");
+    EXPECT_EQ(std::make_tuple(word.regName, word.address, word.station, word.intervalMs, word.deadband, word.writable),
+              std::make_tuple(QString("D"), 100, 7, 500, 2.5, false));
+    const Tag pair = one(R"({"name":"p","address":"D200","type":"float32"})");
+    const Tag dword = one(R"({"name":"c","address":"200CC200","type":"uint32"})");
+    const Tag bit = one(R"({"name":"b","address":"D100.15","type":"bool"})");
+    EXPECT_EQ(std::make_tuple(pair.units, pair.driverLength(), dword.units, dword.driverLength()), std::make_tuple(2, 2, 1, 2));
+    EXPECT_EQ(std::make_tuple(bit.bit, bit.dataType()), std::make_tuple(15, 0));  // watched as its word
+}
+
+TEST(TagFile, BadEntriesAreRefusedWithTheEntryAndTheReason)
 {
     const struct {
         const char *entry;
@@ -94,21 +69,18 @@ TEST_F(TagFile, BadEntriesAreRefusedWithTheEntryAndTheReason)
         {R"({"name":"a","address":"D100","type":"int16","interval":0.5})", "\"interval\" must be"},
         {R"({"name":"a","address":"D100","type":"int16","writable":"yes"})", "\"writable\" must be"},
     };
-    for (const auto &c : cases) {
-        QVector<Tag> tags;
-        QStringList errors;
-        const QByteArray json = QByteArray(R"([{"name":"ok","address":"D1","type":"int16"},)") + c.entry + "]";
-        EXPECT_FALSE(parse(json, &tags, &errors)) << c.entry;
-        ASSERT_EQ(errors.size(), 1) << c.entry;
-        EXPECT_TRUE(errors[0].startsWith("tag 2")) << qPrintable(errors[0]);
-        EXPECT_TRUE(errors[0].contains(c.reason)) << c.entry << " -> " << qPrintable(errors[0]);
-    }
-    // Every bad entry is listed, not only the first.
     QVector<Tag> tags;
     QStringList errors;
+    for (const auto &c : cases) {
+        errors.clear();
+        EXPECT_FALSE(parse(QByteArray(R"([{"name":"ok","address":"D1","type":"int16"},)") + c.entry + "]", &tags, &errors));
+        ASSERT_EQ(errors.size(), 1) << c.entry;
+        EXPECT_TRUE(errors[0].startsWith("tag 2") && errors[0].contains(c.reason)) << c.entry << " -> " << qPrintable(errors[0]);
+    }
+    // Every bad entry is listed, not only the first.
+    errors.clear();
     EXPECT_FALSE(parse(R"([{"name":"a","address":"D1","type":"int16"},{"name":"a","address":"D2","type":"int16"},
-                           {"name":"b","address":"D1","type":"nope"}])",
-                       &tags, &errors));
+                           {"name":"b","address":"D1","type":"nope"}])", &tags, &errors));
     ASSERT_EQ(errors.size(), 2);
     EXPECT_TRUE(errors[0].contains("tag 2 (a): the name is taken by tag 1")) << qPrintable(errors[0]);
     EXPECT_TRUE(errors[1].startsWith("tag 3 (b)"));
@@ -119,16 +91,14 @@ TEST_F(TagFile, BadEntriesAreRefusedWithTheEntryAndTheReason)
     }
 }
 
-TEST_F(TagFile, ValuesBetweenCacheTextAndSets)
+TEST(TagFile, ValuesBetweenCacheTextAndSets)
 {
     const Tag i16 = one(R"({"name":"a","address":"D1","type":"int16"})");
     const Tag u16 = one(R"({"name":"a","address":"D1","type":"uint16"})");
     const Tag i32 = one(R"({"name":"a","address":"D1","type":"int32"})");
     const Tag u32 = one(R"({"name":"a","address":"200CC200","type":"uint32"})");
     const Tag f32 = one(R"({"name":"a","address":"D1","type":"float32"})");
-    const Tag bit = one(R"({"name":"a","address":"D1.3","type":"bool"})");
     const Tag x = one(R"({"name":"a","address":"X1","type":"bool"})");
-
     // Set value -> raw -> the bytes written -> back from the cache -> text.
     const struct {
         const Tag &tag;
@@ -148,30 +118,26 @@ TEST_F(TagFile, ValuesBetweenCacheTextAndSets)
         {x, "\"0\"", QByteArray("\x00", 1), "0"},
     };
     for (const auto &c : good) {
-        const QJsonValue v = QJsonDocument::fromJson(QByteArray("[") + c.set + "]").array().at(0);
         quint32 raw = 0;
         QString why;
-        ASSERT_TRUE(parseValue(c.tag, v, &raw, &why)) << c.set << ": " << qPrintable(why);
+        ASSERT_TRUE(parseValue(c.tag, jsonValue(c.set), &raw, &why)) << c.set << ": " << qPrintable(why);
         EXPECT_EQ(encodeRaw(c.tag, raw).toHex(), c.bytes.toHex()) << c.set;
         EXPECT_EQ(valueText(c.tag, decodeRaw(c.tag, c.bytes)), c.text) << c.set;
     }
     // A bit of a word keeps the word's other bits.
-    EXPECT_EQ(encodeRaw(bit, 1, 0x8001).toHex(), QByteArray("0980"));
-    EXPECT_EQ(encodeRaw(bit, 0, 0xFFFF).toHex(), QByteArray("f7ff"));
-    EXPECT_EQ(decodeRaw(bit, QByteArray("\x08\x00", 2)), 1u);
-    EXPECT_EQ(decodeRaw(bit, QByteArray("\xF7\xFF", 2)), 0u);
+    const Tag bit = one(R"({"name":"a","address":"D1.3","type":"bool"})");
+    EXPECT_EQ(encodeRaw(bit, 1, 0x8001).toHex() + encodeRaw(bit, 0, 0xFFFF).toHex(), QByteArray("0980f7ff"));
+    EXPECT_EQ(decodeRaw(bit, QByteArray("\x08\x00", 2)) + 2 * decodeRaw(bit, QByteArray("\xF7\xFF", 2)), 1u);
 
     const struct {
         const Tag &tag;
         const char *set;
-    } bad[] = {{i16, "32768"}, {i16, "1.5"},  {u16, "-1"},      {u32, "4294967296"}, {f32, "1e39"},
-               {f32, "\"nan\""}, {x, "2"},   {x, "\"yes\""}, {i16, "\"12abc\""}, {i16, "null"},
-               {i16, "[1]"},     {i32, "\"\""}};
+    } bad[] = {{i16, "32768"}, {i16, "1.5"}, {u16, "-1"}, {u32, "4294967296"}, {f32, "1e39"}, {f32, "\"nan\""},
+               {x, "2"}, {x, "\"yes\""}, {i16, "\"12abc\""}, {i16, "null"}, {i16, "[1]"}, {i32, "\"\""}};
     for (const auto &c : bad) {
-        const QJsonValue v = QJsonDocument::fromJson(QByteArray("[") + c.set + "]").array().at(0);
         quint32 raw = 0;
         QString why;
-        EXPECT_FALSE(parseValue(c.tag, v, &raw, &why)) << c.set;
+        EXPECT_FALSE(parseValue(c.tag, jsonValue(c.set), &raw, &why)) << c.set;
         EXPECT_FALSE(why.isEmpty()) << c.set;
     }
 }
