@@ -9,10 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QtCore/QFile>
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QThread>
 
@@ -40,24 +40,29 @@ const char TAGS[] = R"([
 QString topic(const QString &rest) { return QString(ROOT) + '/' + rest; }
 QJsonObject json(const QByteArray &payload) { return QJsonDocument::fromJson(payload).object(); }
 
-void startBroker(TestBroker &broker)
-{
-    QString error;
-    ASSERT_TRUE(broker.start(&error)) << qPrintable(error);
-}
-
-// One line of PLCs (the simulator, paced like a real 115200 baud line) and
-// its bridge to the broker.
+// A broker of the test's own with a client on everything under the root, and
+// once started, one line of PLCs (the simulator, paced like a real 115200
+// baud line) bridged to it.
 struct Line {
-    Line(const TestBroker &broker, const QByteArray &tagJson = TAGS, const RuntimeOptions &runtimeOptions = {})
-        : link(sim, SimLinkOptions{115200, true}), runtime(driver(), link, runtimeOptions)
+    explicit Line(const BrokerConfig &config = BrokerConfig(), const QString &clientId = QString()) : broker(config)
+    {
+        QString error;
+        EXPECT_TRUE(broker.start(&error)) << qPrintable(error);
+        client.reset(new Recorder(broker, topic("#"), clientId));
+    }
+    ~Line()
+    {
+        if (bridge)
+            bridge->shutdown();
+    }
+    void start(const QByteArray &tagJson = TAGS)
     {
         QStringList errors;
-        EXPECT_TRUE(parseTags(tagJson, driver(), registerCatalogue(driver()), 1, &tags, &errors))
-            << qPrintable(errors.join('\n'));
+        EXPECT_TRUE(parseTags(tagJson, driver(), registerCatalogue(driver()), 1, &tags, &errors)) << qPrintable(errors.join('\n'));
         QString error;
         link.open(&error);
-        runtime.start();
+        runtime.reset(new Runtime(driver(), link, options));
+        runtime->start();
         MqttSettings ms;
         ms.port = broker.port();
         ms.reconnectMaxS = 1;
@@ -66,24 +71,42 @@ struct Line {
         mqtt.reset(new MqttClient(ms));
         BridgeOptions bo;
         bo.root = ROOT;
-        bridge.reset(new Bridge(runtime, *mqtt, tags, bo));
+        bridge.reset(new Bridge(*runtime, *mqtt, tags, bo));
         bridge->log = [](const QString &) {};
         EXPECT_TRUE(bridge->start(&error) && mqtt->start(&error)) << qPrintable(error);
     }
-    ~Line() { bridge->shutdown(); }
 
-    void set(const QString &reg, int address, quint16 value) { sim.setReg(placeOf(reg, address).wire, value); }
-    quint16 reg(const QString &reg, int address) const { return sim.reg(placeOf(reg, address).wire); }
-    // Runs the bridge, and the recorder's client, until done() or the deadline.
-    bool until(const std::function<bool()> &done, Recorder &r, int timeoutMs = 10000)
+    void set(const QString &reg, int address, quint32 value, int words = 1)
     {
-        return waitUntil(done, [&] { bridge->step(); r.poll(); }, timeoutMs);
+        for (int i = 0; i < words; ++i)
+            sim.setReg(placeOf(reg, address).wire + i, quint16(value >> 16 * i));
     }
-    void runFor(int ms, Recorder &r) { until([] { return false; }, r, ms); }
+    quint32 reg(const QString &reg, int address, int words = 1) const
+    {
+        quint32 v = 0;
+        for (int i = words - 1; i >= 0; --i)
+            v = v << 16 | sim.reg(placeOf(reg, address).wire + i);
+        return v;
+    }
+    QByteArray last(const QString &rest) const { return client->last.value(topic(rest)); }
+    QVector<MqttMessage> on(const QString &rest) const { return client->on(topic(rest)); }
+    // Runs the bridge and the client until done() or the deadline.
+    bool until(const std::function<bool()> &done, int timeoutMs = 10000)
+    {
+        return waitUntil(done, [&] {
+            if (bridge)
+                bridge->step();
+            client->poll();
+        }, timeoutMs);
+    }
+    void runFor(int ms) { until([] { return false; }, ms); }
 
+    TestBroker broker;
+    std::unique_ptr<Recorder> client;
     kq71sim::PlcSimulator sim;
-    SimLink link;
-    Runtime runtime;
+    SimLink link{sim, SimLinkOptions{115200, true}};
+    RuntimeOptions options;
+    std::unique_ptr<Runtime> runtime;
     QVector<Tag> tags;
     std::unique_ptr<MqttClient> mqtt;
     std::unique_ptr<Bridge> bridge;
@@ -91,183 +114,168 @@ struct Line {
 
 TEST(Bridge, RetainedValuesForLateSubscribersChangesBeyondTheDeadbandAndAStationFallingSilent)
 {
-    TestBroker broker;
-    startBroker(broker);
-    RuntimeOptions ro;
-    ro.retries = 1;
-    ro.timeoutMs = 30;
-    Line line(broker, TAGS, ro);
+    Line line;
+    line.options.retries = 1;
+    line.options.timeoutMs = 30;
     line.set("D", 100, quint16(-5));
     line.set("D", 101, 50);
-    const int total = placeOf("200CC", 200).wire;
-    line.sim.setReg(total, 70000 & 0xFFFF);
-    line.sim.setReg(total + 1, 70000 >> 16);
-    line.set("D", 103, 0x4050);  // 3.25f
+    line.set("200CC", 200, 70000, 2);
+    line.set("D", 102, 0x40500000, 2);  // 3.25f
     line.sim.setBit(placeOf("X", 16).wire, true);
     line.set("D", 110, 0x0004);
-    Recorder early(broker, topic("tag/+"));
-    ASSERT_TRUE(line.until([&] { return early.last.size() == 8; }, early));
+    line.start();
+    ASSERT_TRUE(line.until([&] { return line.bridge->stats().valuesPublished >= 8; }));
 
     // Everything is on the broker now: a late subscriber gets it retained.
-    Recorder late(broker, topic("#"));
-    ASSERT_TRUE(line.until([&] { return late.last.size() >= 8 + 3; }, late));
+    Recorder late(line.broker, topic("#"));
+    ASSERT_TRUE(waitUntil([&] { return late.last.size() >= 8 + 3; }, [&] { late.poll(10); }));
     const struct {
         const char *topic, *payload;
     } expected[] = {{"status", "online"}, {"plc/1/status", "online"}, {"tag/speed", "-5"}, {"tag/level", "50"},
                     {"tag/total", "70000"}, {"tag/temp", "3.25"}, {"tag/run", "1"}, {"tag/alarm", "1"}, {"tag/fixed", "0"}};
     for (const auto &e : expected)
         EXPECT_EQ(late.last.value(topic(e.topic)), QByteArray(e.payload)) << e.topic;
-    const QJsonArray meta = json(late.last.value(topic("meta"))).value("tags").toArray();
-    ASSERT_EQ(meta.size(), 8);
-    EXPECT_EQ(meta[2].toObject().value("address").toString(), "200CC200");
-    EXPECT_EQ(meta[2].toObject().value("type").toString(), "int32");
-    EXPECT_EQ(meta[6].toObject().value("writable").toBool(true), false);
     for (const MqttMessage &m : late.messages)
         EXPECT_TRUE(m.retain) << qPrintable(m.topic);
-    late.messages.clear();
+    const QJsonArray meta = json(late.last.value(topic("meta"))).value("tags").toArray();
+    ASSERT_EQ(meta.size(), 8);
+    EXPECT_EQ(meta[2].toObject().value("address").toString() + meta[2].toObject().value("type").toString(), "200CC200int32");
+    EXPECT_EQ(meta[6].toObject().value("writable").toBool(true), false);
 
     // A change arrives; one within the deadband does not, one beyond it does.
     line.set("D", 101, 59);
     line.set("D", 100, 7);
-    ASSERT_TRUE(line.until([&] { return late.last.value(topic("tag/speed")) == "7"; }, late));
-    line.runFor(100, late);
-    EXPECT_TRUE(late.on(topic("tag/level")).isEmpty());  // 59 is within 10 of 50
+    ASSERT_TRUE(line.until([&] { return line.last("tag/speed") == "7"; }));
+    line.runFor(100);
+    EXPECT_EQ(line.on("tag/level").size(), 1);  // 59 is within 10 of 50
     line.set("D", 101, 61);
-    ASSERT_TRUE(line.until([&] { return late.last.value(topic("tag/level")) == "61"; }, late));
+    ASSERT_TRUE(line.until([&] { return line.last("tag/level") == "61"; }));
 
-    // The station falls silent: offline, read errors on each tag (and "p"
-    // for one whose own interval passes), the last good value kept, sets refused.
+    // The station falls silent: offline, a read error on each tag ("p": one
+    // whose own interval passed), the last good value kept, sets refused.
     kq71sim::FaultRates silent;
     silent.drop = 1;
     line.sim.setFaults(silent);
-    ASSERT_TRUE(line.until([&] { return late.last.value(topic("plc/1/status")) == "offline"; }, late));
-    ASSERT_TRUE(line.until([&] { return late.last.value(topic("tag/speed/error")) == "r"; }, late));
-    ASSERT_TRUE(line.until([&] { return late.last.value(topic("tag/fresh/error")) == "rp"; }, late));
-    EXPECT_EQ(late.last.value(topic("tag/speed")), "7");
-    ASSERT_EQ(late.client->publish(topic("tag/speed/set"), "5", 1, false), 0);
-    ASSERT_TRUE(line.until([&] { return late.last.contains(topic("tag/speed/set/result")); }, late));
-    EXPECT_EQ(json(late.last.value(topic("tag/speed/set/result"))).value("error"), "offline");
+    ASSERT_TRUE(line.until([&] {
+        return line.last("plc/1/status") == "offline" && line.last("tag/speed/error") == "r" && line.last("tag/fresh/error") == "rp";
+    }));
+    EXPECT_EQ(line.last("tag/speed"), "7");
+    ASSERT_EQ(line.client->client->publish(topic("tag/speed/set"), "5", 1, false), 0);
+    ASSERT_TRUE(line.until([&] { return !line.last("tag/speed/set/result").isEmpty(); }));
+    EXPECT_EQ(json(line.last("tag/speed/set/result")).value("error"), "offline");
 
     line.sim.setFaults(kq71sim::FaultRates());
     line.set("D", 100, 18);
-    ASSERT_TRUE(line.until(
-        [&] {
-            return late.last.value(topic("plc/1/status")) == "online" && late.last.value(topic("tag/speed")) == "18" &&
-                   late.last.value(topic("tag/speed/error")).isEmpty() && late.last.value(topic("tag/fresh/error")).isEmpty();
-        },
-        late));
+    ASSERT_TRUE(line.until([&] {
+        return line.last("plc/1/status") == "online" && line.last("tag/speed") == "18" &&
+               line.last("tag/speed/error").isEmpty() && line.last("tag/fresh/error").isEmpty();
+    }));
 }
 
-TEST(Bridge, EverySetGetsExactlyOneResult)
+// Results counted by topic and id (a set without one is answered with a null id).
+QString resultKey(const QString &topic, const QJsonValue &id)
 {
-    TestBroker broker;
-    startBroker(broker);
-    // A retained set is there before the bridge subscribes: it must never be
-    // carried out, on this start or any reconnection.
-    Recorder client(broker, topic("tag/+/set/result"));
-    ASSERT_TRUE(waitUntil([&] { return client.connected; }, [&] { client.poll(10); }));
-    ASSERT_EQ(client.client->publish(topic("tag/fixed/set"), R"({"value": 99, "id": 11})", 1, true), 0);
-    Line line(broker);
+    return topic + QJsonDocument(QJsonArray{id.isUndefined() ? QJsonValue() : id}).toJson(QJsonDocument::Compact);
+}
+QHash<QString, int> resultsById(const QVector<MqttMessage> &messages)
+{
+    QHash<QString, int> results;
+    for (const MqttMessage &m : messages)
+        if (m.topic.endsWith("/set/result"))
+            ++results[resultKey(m.topic, json(m.payload).value("id"))];
+    return results;
+}
+
+// Each set is answered once: well formed or not, for a tag that takes
+// writes or not, retained before the bridge came up (once per replay), sent
+// while the broker went away and came back.
+TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
+{
+    BrokerConfig config;
+    config.persistence = true;  // the client's session survives the restart
+    Line line(config, "watcher");
+    ASSERT_TRUE(waitUntil([&] { return line.client->connected; }, [&] { line.client->poll(10); }));
+    MqttClient &client = *line.client->client;
+    // Retained: never carried out, on this start or the reconnection.
+    ASSERT_EQ(client.publish(topic("tag/fixed/set"), R"({"value": 99, "id": 11})", 1, true), 0);
     line.set("D", 110, 0x0101);
-    ASSERT_TRUE(line.until([&] { return line.bridge->stats().valuesPublished >= 8; }, client));
-    client.client->subscribe("replies/#", 1);
-    line.runFor(100, client);
+    line.start();
+    ASSERT_TRUE(line.until([&] { return line.bridge->stats().valuesPublished >= 8; }));
+    client.subscribe("replies/#", 1);
+    line.runFor(100);
 
     const struct {
         const char *tag, *payload;
         const char *error;  // nullptr: ok
     } sets[] = {
-        {"speed", R"({"value": 123, "id": 1})", nullptr}, {"total", R"({"value": "-70000", "id": 2})", nullptr},
-        {"temp", R"({"value": 2.5, "id": 3})", nullptr},  {"alarm", R"({"value": true, "id": 4})", nullptr},
+        {"fixed", R"({"value": 99, "id": 11})", "invalid"},  // the retained one
+        {"speed", R"({"value": 123, "id": 1})", nullptr},   {"total", R"({"value": "-70000", "id": 2})", nullptr},
+        {"temp", R"({"value": 2.5, "id": 3})", nullptr},    {"alarm", R"({"value": true, "id": 4})", nullptr},
         {"run", "1", nullptr},                              {"fixed", "5", "read-only"},
         {"speed", R"({"value": 40000, "id": 6})", "invalid"}, {"speed", R"({"id": 7})", "invalid"},
         {"speed", R"({"value": 1, "id": 8)", "invalid"},    {"nosuch", "1", "invalid"},
-        {"level", R"({"value": 1, "id": 10})", "read-only"}, {"fixed", R"({"value": 99, "id": 11})", "invalid"},
+        {"level", R"({"value": 1, "id": 10})", "read-only"},
     };
-    for (size_t i = 0; i + 1 < sizeof sets / sizeof sets[0]; ++i)  // the last one is the retained set
-        ASSERT_EQ(client.client->publish(topic(QString("tag/%1/set").arg(sets[i].tag)), sets[i].payload, 1, false), 0);
+    for (size_t i = 1; i < sizeof sets / sizeof sets[0]; ++i)
+        ASSERT_EQ(client.publish(topic(QString("tag/%1/set").arg(sets[i].tag)), sets[i].payload, 1, false), 0);
     // MQTT 5 request/response: the answer also goes where the client asked.
-    ASSERT_EQ(client.client->publish(topic("tag/speed/set"), R"({"value": 124, "id": 13})", 1, false, "corr-13",
-                                     "replies/13"), 0);
+    ASSERT_EQ(client.publish(topic("tag/speed/set"), R"({"value": 124, "id": 13})", 1, false, "corr-13", "replies/13"), 0);
     const int results = int(sizeof sets / sizeof sets[0]) + 1;
-    ASSERT_TRUE(line.until([&] { return client.messages.size() >= results + 1; }, client));
-    line.runFor(300, client);
-    ASSERT_EQ(client.messages.size(), results + 1);  // and the copy to the response topic
-
-    // Results by topic and id (sets without one are answered with a null id).
-    QHash<QString, QVector<MqttMessage>> byId;
-    for (const MqttMessage &m : client.messages)
-        byId[m.topic + QJsonDocument(QJsonArray{json(m.payload).value("id")}).toJson()] << m;
+    ASSERT_TRUE(line.until([&] { return resultsById(line.client->messages).size() >= results; }));
+    line.runFor(300);
+    const QHash<QString, int> byId = resultsById(line.client->messages);
+    EXPECT_EQ(byId.size(), results);
     for (const auto &s : sets) {
-        const QJsonValue id = json(s.payload).value("id");
-        const QVector<MqttMessage> got = byId.value(topic(QString("tag/%1/set/result").arg(s.tag)) +
-                                                    QJsonDocument(QJsonArray{id.isUndefined() ? QJsonValue() : id}).toJson());
-        ASSERT_EQ(got.size(), 1) << s.tag << " " << s.payload;
-        const QJsonObject o = json(got[0].payload);
-        EXPECT_FALSE(got[0].retain);
-        EXPECT_EQ(o.value("ok").toBool(), s.error == nullptr) << s.payload << " " << got[0].payload.constData();
-        EXPECT_EQ(o.value("error").toString(), s.error ? s.error : "") << s.payload;
+        const QString t = topic(QString("tag/%1/set/result").arg(s.tag)), key = resultKey(t, json(s.payload).value("id"));
+        EXPECT_EQ(byId.value(key), 1) << s.payload;
+        for (const MqttMessage &m : line.client->on(t)) {
+            EXPECT_FALSE(m.retain);
+            if (resultKey(t, json(m.payload).value("id")) == key)
+                EXPECT_EQ(json(m.payload).value("error").toString(), s.error ? s.error : "") << s.payload;
+        }
     }
-    const QVector<MqttMessage> reply = client.on("replies/13");
+    const QVector<MqttMessage> reply = line.client->on("replies/13");
     ASSERT_EQ(reply.size(), 1);
     EXPECT_EQ(reply[0].correlation, QByteArray("corr-13"));
-
     // The PLC's memory took the good ones; the refused and retained did not.
-    EXPECT_EQ(line.reg("D", 100), 124);
-    const int total = placeOf("200CC", 200).wire;
-    EXPECT_EQ(qint32(line.sim.reg(total) | line.sim.reg(total + 1) << 16), -70000);
-    EXPECT_EQ(line.reg("D", 102) | line.reg("D", 103) << 16, 0x40200000);  // 2.5f
-    EXPECT_EQ(line.reg("D", 110), 0x0105);  // bit 2 set, the others kept
+    EXPECT_EQ(line.reg("D", 100), 124u);
+    EXPECT_EQ(qint32(line.reg("200CC", 200, 2)), -70000);
+    EXPECT_EQ(line.reg("D", 102, 2), 0x40200000u);  // 2.5f
+    EXPECT_EQ(line.reg("D", 110), 0x0105u);  // bit 2 set, the others kept
     EXPECT_TRUE(line.sim.bit(placeOf("X", 16).wire));
-    EXPECT_EQ(line.reg("D", 120), 0);
-}
-
-TEST(Bridge, BrokerRestartedMidRunAnswersEverySetOnceAndRepublishes)
-{
-    BrokerConfig config;
-    config.persistence = true;  // the watching client's session survives the restart
-    TestBroker broker(config);
-    startBroker(broker);
-    Line line(broker);
-    Recorder client(broker, topic("#"), "watcher");
-    ASSERT_TRUE(line.until([&] { return client.last.value(topic("tag/speed")) == "0"; }, client));
 
     // Slow replies keep the writes on the line while the broker goes away.
     kq71sim::FaultRates slow;
     slow.delay = 1;
     slow.delayMs = 60;
     line.sim.setFaults(slow);
-    const int sets = 6;
-    for (int i = 1; i <= sets; ++i)
-        ASSERT_EQ(client.client->publish(topic("tag/speed/set"), QString(R"({"value": %1, "id": %1})").arg(i * 10).toUtf8(),
-                                         1, false), 0);
-    ASSERT_TRUE(line.until([&] { return line.bridge->stats().setsReceived == sets; }, client));
-    broker.stop();
+    for (int i = 1; i <= 6; ++i)
+        ASSERT_EQ(client.publish(topic("tag/speed/set"), QString(R"({"value": %1, "id": %1})").arg(100 + i).toUtf8(), 1, false), 0);
+    const BridgeStats before = line.bridge->stats();
+    ASSERT_TRUE(line.until([&] { return line.bridge->stats().setsReceived == before.setsReceived + 6; }));
+    line.broker.stop();
     line.set("D", 101, 500);  // changes while the broker is away: only the latest is kept
-    line.runFor(300, client);
+    line.runFor(300);
     line.set("D", 101, 600);
-    line.runFor(1500, client);
-    EXPECT_EQ(line.bridge->stats().setsAnswered, quint64(sets));
-    EXPECT_EQ(line.reg("D", 100), sets * 10);
-
-    const int statusBefore = client.on(topic("status")).size();
-    startBroker(broker);
-    ASSERT_TRUE(line.until(
-        [&] {
-            return client.on(topic("tag/speed/set/result")).size() >= sets && client.on(topic("status")).size() > statusBefore &&
-                   client.last.value(topic("tag/level")) == "600";
-        },
-        client, 30000));
-    line.runFor(300, client);
+    line.runFor(1500);
+    EXPECT_EQ(line.bridge->stats().setsAnswered, before.setsAnswered + 6);
+    EXPECT_EQ(line.reg("D", 100), 106u);
+    const int statusBefore = line.on("status").size();
+    QString error;
+    ASSERT_TRUE(line.broker.start(&error)) << qPrintable(error);
+    ASSERT_TRUE(line.until([&] {
+        return resultsById(line.client->messages).size() == results + 6 && line.on("status").size() > statusBefore &&
+               line.last("tag/level") == "600";
+    }, 30000));
+    line.runFor(300);
     EXPECT_EQ(line.bridge->stats().connects, 2u);
-    QMap<int, int> answered;
-    for (const MqttMessage &m : client.on(topic("tag/speed/set/result"))) {
-        EXPECT_TRUE(json(m.payload).value("ok").toBool()) << m.payload.constData();
-        ++answered[json(m.payload).value("id").toInt()];
-    }
-    EXPECT_EQ(answered, (QMap<int, int>{{10, 1}, {20, 1}, {30, 1}, {40, 1}, {50, 1}, {60, 1}}));
-    EXPECT_EQ(client.last.value(topic("status")), "online");
-    for (const MqttMessage &m : client.on(topic("tag/level")))
+    // The broker replays the retained set on the new subscription: refused again.
+    const QHash<QString, int> all = resultsById(line.client->messages);
+    for (auto it = all.begin(); it != all.end(); ++it)
+        EXPECT_EQ(it.value(), it.key() == resultKey(topic("tag/fixed/set/result"), 11) ? 2 : 1) << qPrintable(it.key());
+    EXPECT_EQ(line.reg("D", 120), 0u);
+    EXPECT_EQ(line.last("status"), "online");
+    for (const MqttMessage &m : line.on("tag/level"))
         EXPECT_NE(m.payload, "500");  // never published: superseded while away
 }
 
@@ -275,25 +283,20 @@ TEST(Bridge, MetaLargerThanTheBrokerAllowsComesInParts)
 {
     BrokerConfig config;
     config.maxPacketBytes = 4096;
-    TestBroker broker(config);
-    startBroker(broker);
+    Line line(config);
     QJsonArray list;
     for (int i = 0; i < 300; ++i)
         list.append(QJsonObject{{"name", QString("word-%1").arg(i)}, {"address", QString("D%1").arg(i)}, {"type", "uint16"}});
-    Line line(broker, QJsonDocument(list).toJson());
-    Recorder client(broker, topic("meta/#")), head(broker, topic("meta"));
+    line.start(QJsonDocument(list).toJson());
     int parts = -1;
-    ASSERT_TRUE(line.until(
-        [&] {
-            head.poll();
-            parts = json(head.last.value(topic("meta"))).value("parts").toInt(-1);
-            return parts > 0 && client.last.size() >= parts + 1;
-        },
-        client));
+    ASSERT_TRUE(line.until([&] {
+        parts = json(line.last("meta")).value("parts").toInt(-1);
+        return parts > 0 && !line.last(QString("meta/%1").arg(parts)).isEmpty();
+    }));
     EXPECT_GT(parts, 1);
     QSet<QString> names;
     for (int i = 1; i <= parts; ++i) {
-        const QByteArray part = client.last.value(topic(QString("meta/%1").arg(i)));
+        const QByteArray part = line.last(QString("meta/%1").arg(i));
         EXPECT_LE(part.size(), 4096);
         for (const QJsonValue &t : json(part).value("tags").toArray())
             names.insert(t.toObject().value("name").toString());
@@ -309,7 +312,8 @@ TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClientsOverTlsWithAPassword)
     BrokerConfig config;
     config.password = config.tls = true;
     TestBroker broker(config);
-    startBroker(broker);
+    QString error;
+    ASSERT_TRUE(broker.start(&error)) << qPrintable(error);
     QTemporaryDir dir;
     QFile tags(dir.filePath("tags.json"));
     ASSERT_TRUE(tags.open(QIODevice::WriteOnly));
@@ -319,15 +323,15 @@ TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClientsOverTlsWithAPassword)
     start(bridge, KQ71_CLI_FILE,
           {"bridge", "--mqtt", QString("127.0.0.1:%1").arg(broker.port()), "--root", "cli/t", "--tags", tags.fileName(),
            "--mqtt-ca", broker.file("ca.crt"), "--mqtt-user", "plc", "--seconds", "8", "--mqtt-v311"},
-          {"KQ71_MQTT_PASSWORD=secret", QString("KQ71_DRIVER=") + KQ71_DRIVER_FILE});
+          {"KQ71_MQTT_PASSWORD=secret"});
     ASSERT_TRUE(bridge.waitForStarted(10000));
 
     const QStringList login{"-h", "127.0.0.1", "-p", QString::number(broker.port()), "--cafile", broker.file("ca.crt"),
                             "-u", "plc", "-P", "secret"};
-    auto first = [&](const char *t, const QStringList &as = {}) {
-        return run("mosquitto_sub", (as.isEmpty() ? login : as) + QStringList{"-t", t, "-C", "1", "-W", "6"}).out.trimmed();
+    auto first = [&](const char *t, const QStringList &as) {
+        return run("mosquitto_sub", as + QStringList{"-t", t, "-C", "1", "-W", "6"}).out.trimmed();
     };
-    EXPECT_EQ(first("cli/t/tag/speed"), "0");  // retained, once the bridge has published it
+    EXPECT_EQ(first("cli/t/tag/speed", login), "0");  // retained, once the bridge has published it
     QStringList intruder = login;
     intruder.last() = "guess";
     EXPECT_EQ(first("cli/t/tag/speed", intruder), "");
@@ -338,11 +342,10 @@ TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClientsOverTlsWithAPassword)
     EXPECT_EQ(run("mosquitto_pub", login + QStringList{"-t", "cli/t/tag/speed/set", "-q", "1", "-m",
                                                        R"({"value": -3, "id": "x"})"}).status, 0);
     EXPECT_EQ(finish(result).out.trimmed(), R"({"id":"x","ok":true,"value":-3})");
-    EXPECT_EQ(first("cli/t/tag/speed"), "-3");
-
+    EXPECT_EQ(first("cli/t/tag/speed", login), "-3");
     const Outcome end = finish(bridge);
     EXPECT_EQ(end.status, 0) << end.err.toStdString();
-    EXPECT_EQ(first("cli/t/status"), "offline");
+    EXPECT_EQ(first("cli/t/status", login), "offline");
 }
 
 } // namespace

@@ -30,15 +30,11 @@ QList<QJsonObject> Outcome::objects() const
 void start(QProcess &p, const QString &program, const QStringList &args, const QStringList &env)
 {
     QProcessEnvironment e = QProcessEnvironment::systemEnvironment();
+    e.insert("KQ71_DRIVER", KQ71_DRIVER_FILE);
     for (const QString &entry : env)
         e.insert(entry.section('=', 0, 0), entry.section('=', 1));
     p.setProcessEnvironment(e);
     p.start(program, args);
-}
-
-void startKq71(QProcess &p, const QStringList &args)
-{
-    start(p, KQ71_CLI_FILE, args, {QString("KQ71_DRIVER=") + KQ71_DRIVER_FILE});
 }
 
 Outcome finish(QProcess &p, int timeoutMs)
@@ -55,17 +51,10 @@ Outcome finish(QProcess &p, int timeoutMs)
     return r;
 }
 
-Outcome run(const QString &program, const QStringList &args, const QStringList &env)
+Outcome run(const QString &program, const QStringList &args)
 {
     QProcess p;
-    start(p, program, args, env);
-    return finish(p);
-}
-
-Outcome runKq71(const QStringList &args)
-{
-    QProcess p;
-    startKq71(p, args);
+    start(p, program, args);
     return finish(p);
 }
 
@@ -73,7 +62,7 @@ void expectRuns(const QString &program, const std::vector<RunCase> &runs)
 {
     for (const RunCase &c : runs) {
         SCOPED_TRACE(c.args.join(' ').toStdString());
-        const Outcome r = program == KQ71_CLI_FILE ? runKq71(c.args) : run(program, c.args);
+        const Outcome r = run(program, c.args);
         EXPECT_EQ(r.status, c.status) << r.err.toStdString();
         expectIn(c.status == 0 ? r.out : r.err, c.texts);
         for (const QJsonObject &o : r.objects())

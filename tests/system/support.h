@@ -24,16 +24,16 @@ struct Outcome {
     QList<QJsonObject> objects() const;
 };
 
-// env: NAME=VALUE entries added to the test's environment.
+// Starts a program with KQ71_DRIVER naming the built driver, and env's
+// NAME=VALUE entries, in the test's environment.
 void start(QProcess &p, const QString &program, const QStringList &args, const QStringList &env = {});
-void startKq71(QProcess &p, const QStringList &args);
 Outcome finish(QProcess &p, int timeoutMs = 20000);
-Outcome run(const QString &program, const QStringList &args, const QStringList &env = {});
-Outcome runKq71(const QStringList &args);
+Outcome run(const QString &program, const QStringList &args);
+inline Outcome runKq71(const QStringList &args) { return run(KQ71_CLI_FILE, args); }
 
 // One run of a program: its exit status, and texts on its stdout when it
-// succeeds, on its stderr when not.
-// With --json, every stdout line must be a JSON object.
+// succeeds, on its stderr when not. With --json, every stdout line must be a
+// JSON object.
 struct RunCase {
     QStringList args;
     int status;

@@ -1,4 +1,5 @@
-// The marks a front end puts next to values and stations.
+// The quality mark a front end puts next to a value. A station's state is
+// shown through kq71 watch and the bridge.
 #include "value_status.h"
 
 #include <gtest/gtest.h>
@@ -35,30 +36,6 @@ TEST(ValueStatus, ValuesAreNeverReadGoodOrStaleByFailureOrAge)
     EXPECT_TRUE(s.lastReadFailed(1, "D", 11));
     EXPECT_EQ(s.lastGoodMs(1, "D", 11), 200);  // the value shown is that of the last good read
     EXPECT_EQ(s.quality(1, "D", 10, 300), Quality::Good);
-}
-
-// Offline after three jobs in a row given up, online at the next good reply.
-TEST(ValueStatus, AStationGoesOfflineAfterJobsInARowGivenUpAndBackAtAGoodReply)
-{
-    ValueStatus s(3);
-    using C = ValueStatus::Change;
-    const StationState U = StationState::Unknown, OFF = StationState::Offline, ON = StationState::Online;
-    EXPECT_EQ(s.state(1), U);
-    const struct {
-        bool good;
-        C change;
-        StationState state;
-    } steps[] = {
-        {false, C::None, U},   {false, C::None, U},   {false, C::WentOffline, OFF}, {false, C::None, OFF},
-        {true, C::CameOnline, ON}, {false, C::None, ON}, {false, C::None, ON},   {true, C::None, ON},
-        {false, C::None, ON},  {false, C::None, ON},  {false, C::WentOffline, OFF},
-    };
-    for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
-        EXPECT_EQ(s.jobEnded(1, steps[i].good), steps[i].change) << "step " << i;
-        EXPECT_EQ(s.state(1), steps[i].state) << "step " << i;
-    }
-    EXPECT_EQ(s.state(2), U);  // stations are counted apart
-    EXPECT_TRUE(s.anyGood());
 }
 
 } // namespace
