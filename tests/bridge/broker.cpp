@@ -11,24 +11,20 @@ using namespace kq71bridge;
 
 bool TestBroker::start(QString *error)
 {
-    const QString d = dir_.path();
-    if (port_ == 0) {
+    const QString d = dir.path();
+    QFile ext(d + "/san.ext"), conf(d + "/mosquitto.conf");
+    if (port == 0) {
         QTcpServer free;
         free.listen(QHostAddress::LocalHost, 0);
-        port_ = free.serverPort();
+        port = free.serverPort();
         QList<QStringList> tools;
-        QFile ext(d + "/san.ext");
-        if (config_.tls && ext.open(QIODevice::WriteOnly) && ext.write("subjectAltName=IP:127.0.0.1\n") > 0)
-            tools << QStringList{"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", d + "/ca.key",
-                                 "-out", d + "/ca.crt", "-days", "2", "-subj", "/CN=kq71 test CA"}
-                  << QStringList{"openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", d + "/server.key",
-                                 "-out", d + "/server.csr", "-subj", "/CN=127.0.0.1"}
-                  << QStringList{"openssl", "x509", "-req", "-in", d + "/server.csr", "-CA", d + "/ca.crt", "-CAkey",
-                                 d + "/ca.key", "-CAcreateserial", "-out", d + "/server.crt", "-days", "2",
-                                 "-extfile", d + "/san.ext"};
-        if (config_.password)
-            tools << QStringList{"mosquitto_passwd", "-b", "-c", d + "/passwd", "plc", "secret"};
-        ext.close();
+        if (tls && ext.open(QIODevice::WriteOnly) && ext.write("subjectAltName=IP:127.0.0.1\n") > 0 && ext.flush())
+            tools << QString("openssl req -x509 -newkey rsa:2048 -nodes -keyout %1/ca.key -out %1/ca.crt -days 2 -subj /CN=ca").arg(d).split(' ')
+                  << QString("openssl req -newkey rsa:2048 -nodes -keyout %1/server.key -out %1/server.csr -subj /CN=127.0.0.1").arg(d).split(' ')
+                  << QString("openssl x509 -req -in %1/server.csr -CA %1/ca.crt -CAkey %1/ca.key -CAcreateserial "
+                             "-out %1/server.crt -days 2 -extfile %1/san.ext").arg(d).split(' ');
+        if (password)
+            tools << QString("mosquitto_passwd -b -c %1/passwd plc secret").arg(d).split(' ');
         for (QStringList tool : tools) {
             const Outcome r = run(tool.takeFirst(), tool);
             if (r.status != 0) {
@@ -39,57 +35,47 @@ bool TestBroker::start(QString *error)
     }
     // Run as whoever runs the test: as root, mosquitto would switch to its
     // own user, who cannot read the test's files.
-    QString conf = QString("listener %1 127.0.0.1\nuser root\nset_tcp_nodelay true\n").arg(port_);
-    conf += config_.password ? QString("allow_anonymous false\npassword_file %1/passwd\n").arg(d)
-                             : QString("allow_anonymous true\n");
-    if (config_.tls)
-        conf += QString("cafile %1/ca.crt\ncertfile %1/server.crt\nkeyfile %1/server.key\n").arg(d);
-    if (config_.persistence)
-        conf += QString("persistence true\npersistence_location %1/\n").arg(d);
-    if (config_.maxPacketBytes > 0)
-        conf += QString("max_packet_size %1\n").arg(config_.maxPacketBytes);
-    QFile f(d + "/mosquitto.conf");
-    if (!f.open(QIODevice::WriteOnly) || f.write(conf.toUtf8()) < 0) {
+    QStringList lines{QString("listener %1 127.0.0.1").arg(port), "user root", "set_tcp_nodelay true",
+                      password ? "allow_anonymous false\npassword_file %1/passwd" : "allow_anonymous true"};
+    if (tls)
+        lines << "cafile %1/ca.crt\ncertfile %1/server.crt\nkeyfile %1/server.key";
+    if (persistence)
+        lines << "persistence true\npersistence_location %1/";
+    if (maxPacketBytes > 0)
+        lines << QString("max_packet_size %1").arg(maxPacketBytes);
+    if (!conf.open(QIODevice::WriteOnly) || conf.write(lines.join('\n').replace("%1", d).toUtf8() + '\n') < 0 || !conf.flush()) {
         *error = "cannot write the broker's configuration";
         return false;
     }
-    f.close();
-
-    process_.reset(new QProcess);
-    process_->setProcessChannelMode(QProcess::MergedChannels);
-    process_->setStandardOutputFile(d + "/mosquitto.log", QIODevice::Append);
-    process_->start("mosquitto", {"-c", d + "/mosquitto.conf"});
-    const bool listens = process_->waitForStarted(10000) && waitUntil(
-        [&] {
-            QTcpSocket probe;
-            probe.connectToHost(QHostAddress::LocalHost, quint16(port_));
-            return probe.waitForConnected(500) || process_->state() == QProcess::NotRunning;
-        },
-        [] {}, 10000);
-    if (!listens || process_->state() != QProcess::Running) {
-        QFile log(d + "/mosquitto.log");
-        log.open(QIODevice::ReadOnly);
-        *error = "mosquitto does not listen: " + process_->errorString() + "\n" + QString::fromLocal8Bit(log.read(4000));
-        return false;
-    }
-    return true;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.setStandardOutputFile(d + "/mosquitto.log", QIODevice::Append);
+    process.start("mosquitto", {"-c", conf.fileName()});
+    const auto listens = [&] {
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, quint16(port));
+        return probe.waitForConnected(500) || process.state() == QProcess::NotRunning;
+    };
+    if (process.waitForStarted(10000) && waitUntil(listens, [] {}, 10000) && process.state() == QProcess::Running)
+        return true;
+    QFile log(d + "/mosquitto.log");
+    log.open(QIODevice::ReadOnly);
+    *error = "mosquitto does not listen: " + process.errorString() + "\n" + QString::fromLocal8Bit(log.read(4000));
+    return false;
 }
 
 void TestBroker::stop()
 {
-    if (process_ && process_->state() != QProcess::NotRunning) {
-        process_->terminate();
-        if (!process_->waitForFinished(5000))
-            process_->kill();
-        process_->waitForFinished(2000);
-    }
+    process.terminate();
+    if (!process.waitForFinished(5000))
+        process.kill();
+    process.waitForFinished(2000);
 }
 
 Recorder::Recorder(const TestBroker &broker, const QString &subscription, const QString &clientId)
     : subscription(subscription)
 {
     MqttSettings s;
-    s.port = broker.port();
+    s.port = broker.port;
     s.clientId = clientId;
     s.cleanSession = clientId.isEmpty();
     s.reconnectMaxS = 1;

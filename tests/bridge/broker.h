@@ -13,34 +13,28 @@
 
 namespace kq71test {
 
-struct BrokerConfig {
+struct TestBroker {
     bool password = false;  // user "plc" with password "secret", no anonymous access
-    bool tls = false;       // a CA made for the test; server certificate for 127.0.0.1
+    bool tls = false;       // a CA made for the test (ca.crt); server certificate for 127.0.0.1
     bool persistence = false;
     int maxPacketBytes = 0;
-};
 
-class TestBroker {
-public:
-    explicit TestBroker(const BrokerConfig &config = BrokerConfig()) : config_(config) {}
     ~TestBroker() { stop(); }
     // Starts mosquitto, on the same port when it starts again, and waits
     // (bounded) until it takes connections.
     bool start(QString *error);
     void stop();
-    int port() const { return port_; }
-    QString file(const char *name) const { return dir_.filePath(name); }
+    QString file(const char *name) const { return dir.filePath(name); }
 
-private:
-    BrokerConfig config_;
-    QTemporaryDir dir_;
-    int port_ = 0;
-    std::unique_ptr<QProcess> process_;
+    QTemporaryDir dir;
+    int port = 0;
+    QProcess process;
 };
 
-// A client on its own network thread; subscribes on every (re)connection.
+// A client on its own network thread; subscribes on every (re)connection. One
+// with an id keeps its session on the broker across its restarts.
 struct Recorder {
-    explicit Recorder(const TestBroker &broker, const QString &subscription, const QString &clientId = QString());
+    Recorder(const TestBroker &broker, const QString &subscription, const QString &clientId = QString());
     // Takes what arrived.
     void poll(int waitMs = 0);
     QVector<kq71bridge::MqttMessage> on(const QString &topic) const;
