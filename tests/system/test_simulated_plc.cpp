@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <random>
+#include <set>
 
 using namespace kq71test;
 using namespace kq71rt;
@@ -32,16 +32,6 @@ quint32 simValue(const kq71sim::PlcSimulator &sim, const QString &reg, int addre
     if (p.kind == UnitKind::Bit)
         return sim.bit(p.wire);
     return sim.reg(p.wire) | (p.kind == UnitKind::DoubleWord ? quint32(sim.reg(p.wire + 1)) << 16 : 0);
-}
-
-void setSimValue(kq71sim::PlcSimulator &sim, const QString &reg, int address, quint32 value)
-{
-    const UnitPlace p = placeOf(reg, address);
-    if (p.kind == UnitKind::Bit)
-        return sim.setBit(p.wire, value != 0);
-    sim.setReg(p.wire, quint16(value));
-    if (p.kind == UnitKind::DoubleWord)
-        sim.setReg(p.wire + 1, quint16(value >> 16));
 }
 
 // Every register family under every kind of line fault: no write is lost
@@ -76,43 +66,42 @@ TEST(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
     QList<KEY_ADDRESS> keys;
     for (const auto &a : areas) {
         const UnitKind k = unitKindOf(a.reg);
-        for (int i = 0; i < a.units; ++i)
-            setSimValue(sim, a.reg, a.first + i, randomValue(k));
-        KEY_ADDRESS key;
-        key.station = 1;
-        key.regName = a.reg;
-        key.address = a.first;
-        key.dataType = driverDataType(k);
-        key.length = driverLength(k, a.units);
-        keys << key;
+        for (int i = a.first; i < a.first + a.units; ++i) {
+            const UnitPlace p = placeOf(a.reg, i);
+            const quint32 v = randomValue(k);
+            if (k == UnitKind::Bit)
+                sim.setBit(p.wire, v);
+            for (int w = 0; k != UnitKind::Bit && w < (k == UnitKind::DoubleWord ? 2 : 1); ++w)
+                sim.setReg(p.wire + w, quint16(v >> 16 * w));
+        }
+        keys << KEY_ADDRESS();
+        keys.last().station = 1;
+        keys.last().regName = a.reg;
+        keys.last().address = a.first;
+        keys.last().dataType = driverDataType(k);
+        keys.last().length = driverLength(k, a.units);
     }
     const int jobs = rt.watch(keys);
 
-    struct Write {
-        QString reg;
-        int address;
-        quint32 value;
-        int result;
-    };
+    struct Write { QString reg; int address; quint32 value; int result; };
     const int FIRST_ID = 100;
     std::vector<Write> writes;
     int cyclicEnded = 0;
     auto pump = [&](int steps) {
         for (int i = 0; i < steps; ++i) {
             const Exchange ex = rt.step();
-            if (ex.result != 1 && ex.result != 2)
-                continue;
-            if (ex.write && ex.jobId >= FIRST_ID)
-                writes.at(size_t(ex.jobId - FIRST_ID)).result = ex.result;
-            cyclicEnded += ex.jobId == 4 && !ex.write;
+            if (ex.result == 1 || ex.result == 2) {
+                if (ex.write && ex.jobId >= FIRST_ID)
+                    writes.at(size_t(ex.jobId - FIRST_ID)).result = ex.result;
+                cyclicEnded += ex.jobId == 4 && !ex.write;
+            }
         }
     };
     for (int n = 0; n < 300; ++n) {
         const auto &a = areas[rng() % 7];
         const UnitKind k = unitKindOf(a.reg);
-        Write w{a.reg, a.first + int(rng() % quint32(a.units)), randomValue(k), 0};
-        rt.write(1, w.reg, w.address, driverLength(k, 1), bytesOf(k, w.value), FIRST_ID + int(writes.size()));
-        writes.push_back(w);
+        writes.push_back(Write{a.reg, a.first + int(rng() % quint32(a.units)), randomValue(k), 0});
+        rt.write(1, a.reg, writes.back().address, driverLength(k, 1), bytesOf(k, writes.back().value), FIRST_ID + n);
         pump(4);
     }
     EXPECT_GT(sim.stats().faults, 100u);
@@ -124,14 +113,12 @@ TEST(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
         pump(10);
     ASSERT_GE(cyclicEnded, 3 * jobs);
 
-    std::map<std::pair<QString, int>, size_t> last;
-    for (size_t i = 0; i < writes.size(); ++i)
-        last[{writes[i].reg, writes[i].address}] = i;
+    std::set<std::pair<QString, int>> writtenLater;
     int acked = 0, failed = 0;
-    for (size_t i = 0; i < writes.size(); ++i) {
-        const Write &w = writes[i];
+    for (int i = int(writes.size()) - 1; i >= 0; --i) {
+        const Write &w = writes[size_t(i)];
         const std::string unit = unitName(w.reg, w.address).toStdString();
-        const bool lastOfUnit = i == last[{w.reg, w.address}];
+        const bool lastOfUnit = writtenLater.insert({w.reg, w.address}).second;
         EXPECT_TRUE(w.result != 0 || !lastOfUnit) << "write " << i << " to " << unit << " vanished without a result";
         (w.result == 1 ? acked : failed) += w.result != 0;
         if (lastOfUnit && w.result == 1)
