@@ -5,47 +5,123 @@
 
 #include "driver_library.h"
 
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
 #include <QtCore/QStringList>
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <vector>
 
 namespace kq71test {
 
+// The driver's planning lines would drown the test output.
+inline const bool quietDebug = qputenv("QT_LOGGING_RULES", "*.debug=false");
+
 // The built driver, loaded on first use.
-kq71rt::DriverLibrary &driver();
+inline kq71rt::DriverLibrary &driver()
+{
+    static kq71rt::DriverLibrary lib;
+    static QString error;
+    if (!lib.loaded() && error.isEmpty())
+        lib.load(KQ71_DRIVER_FILE, &error);
+    EXPECT_TRUE(lib.loaded()) << qPrintable(error);
+    return lib;
+}
 
 struct Outcome {
     int status = -1;  // -1: crashed, or killed when it did not end in time
     QString out, err;
+
     // Every stdout line as a JSON object; {"notJson": line} for one that is not.
-    QList<QJsonObject> objects() const;
+    QList<QJsonObject> objects() const
+    {
+        QList<QJsonObject> list;
+        for (const QString &line : out.split('\n', Qt::SkipEmptyParts)) {
+            const QJsonDocument d = QJsonDocument::fromJson(line.toUtf8());
+            list << (d.isObject() ? d.object() : QJsonObject{{"notJson", line}});
+        }
+        return list;
+    }
 };
 
 // Starts a program with KQ71_DRIVER naming the built driver, and env's
 // NAME=VALUE entries, in the test's environment.
-void start(QProcess &p, const QString &program, const QStringList &args, const QStringList &env = {});
-Outcome finish(QProcess &p, int timeoutMs = 20000);
-Outcome run(const QString &program, const QStringList &args);
+inline void start(QProcess &p, const QString &program, const QStringList &args, const QStringList &env = {})
+{
+    QProcessEnvironment e = QProcessEnvironment::systemEnvironment();
+    e.insert("KQ71_DRIVER", KQ71_DRIVER_FILE);
+    for (const QString &entry : env)
+        e.insert(entry.section('=', 0, 0), entry.section('=', 1));
+    p.setProcessEnvironment(e);
+    p.start(program, args);
+}
+
+inline Outcome finish(QProcess &p, int timeoutMs = 20000)
+{
+    Outcome r;
+    if (!p.waitForFinished(timeoutMs)) {
+        p.kill();
+        p.waitForFinished();
+    } else if (p.exitStatus() == QProcess::NormalExit) {
+        r.status = p.exitCode();
+    }
+    r.out = QString::fromUtf8(p.readAllStandardOutput());
+    r.err = QString::fromUtf8(p.readAllStandardError());
+    return r;
+}
+
+inline Outcome run(const QString &program, const QStringList &args)
+{
+    QProcess p;
+    start(p, program, args);
+    return finish(p);
+}
+
 inline Outcome runKq71(const QStringList &args) { return run(KQ71_CLI_FILE, args); }
 
+inline void expectIn(const QString &stream, const QStringList &texts)
+{
+    for (const QString &t : texts)
+        EXPECT_TRUE(stream.contains(t)) << "no \"" << t.toStdString() << "\" in:\n" << stream.toStdString();
+}
+
 // One run of a program: its exit status, and texts on its stdout when it
-// succeeds, on its stderr when not. With --json, every stdout line must be a
-// JSON object.
+// succeeds, on its stderr when not.
 struct RunCase {
     QStringList args;
     int status;
     QStringList texts;
 };
-void expectRuns(const QString &program, const std::vector<RunCase> &runs);
 
-void expectIn(const QString &stream, const QStringList &texts);
-// Collects the process's stdout in *seen until it holds text.
-bool waitForOutput(QProcess &p, QByteArray *seen, const char *text, int timeoutMs = 10000);
+// With --json, every stdout line must be a JSON object.
+inline void expectRuns(const QString &program, const std::vector<RunCase> &runs)
+{
+    for (const RunCase &c : runs) {
+        SCOPED_TRACE(c.args.join(' ').toStdString());
+        const Outcome r = run(program, c.args);
+        EXPECT_EQ(r.status, c.status) << r.err.toStdString();
+        expectIn(c.status == 0 ? r.out : r.err, c.texts);
+        for (const QJsonObject &o : r.objects())
+            EXPECT_FALSE(c.args.contains("--json") && o.contains("notJson")) << r.out.toStdString();
+    }
+}
+
 // Calls step() until done() holds or timeoutMs of real time pass.
-bool waitUntil(const std::function<bool()> &done, const std::function<void()> &step, int timeoutMs = 10000);
+inline bool waitUntil(const std::function<bool()> &done, const std::function<void()> &step, int timeoutMs = 10000)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeoutMs)
+            return false;
+        step();
+    }
+    return true;
+}
 
 } // namespace kq71test
 

@@ -62,20 +62,17 @@ TEST(CommandLine, EveryRunSetsItsStatusAndSaysWhatItDidOrWhatIsWrong)
         {{"read", "D1", "--driver", "/nonexistent/lib.so"}, 3, {"cannot load driver /nonexistent/lib.so"}},
         {{"read", "D1", "--driver", "libm.so.6"}, 3, {"lacks intf_getProtocolType, intf_getDriverParameter", "intf_setData, driver"}},
         // Usage errors.
-        {{"frobnicate"}, 64, {"unknown command \"frobnicate\""}},
-        {{"read", "D1", "--bogus"}, 64, {"Unknown option 'bogus'"}},
+        {{"frobnicate"}, 64, {"unknown command \"frobnicate\""}}, {{"read", "D1", "--bogus"}, 64, {"Unknown option 'bogus'"}},
         {{"watch", "D1", "--interval", "soon"}, 64, {"--interval needs a duration"}},
         {{"read", "D1", "--retries", "0"}, 64, {"--retries needs a whole number from 1 to 100"}},
-        {{"read", "Q5"}, 64, {"Q5: unknown register \"Q\""}},
-        {{"write", "D100=70000"}, 64, {"\"70000\" is not a 16-bit value"}},
+        {{"read", "Q5"}, 64, {"Q5: unknown register \"Q\""}}, {{"write", "D100=70000"}, 64, {"\"70000\" is not a 16-bit value"}},
         {{"read", "D1", "--port", "/dev/null", "--parity", "MARK"}, 64, {"--parity takes NONE, EVEN or ODD"}},
         {{"read", "D1", "--tcp", "127.0.0.1:99999"}, 64, {"the port must be a number from 1 to 65535"}},
         {{"help", "frobnicate"}, 64, {"help: no command \"frobnicate\""}},
         {{"bridge", "--mqtt", "127.0.0.1:1", "--root", "r", "--tags", tags}, 64, {"tag 2 (b): bool needs a bit"}},
         {{"bridge", "--mqtt-password", "x"}, 64, {}},  // never on the command line
         // Help.
-        {{"--version"}, 0, {"kq71 2.0.0.0\ndriver vorn_kq71_ap 2.0.0.0"}},
-        {{"help"}, 0, {"64 a wrong command line"}},
+        {{"--version"}, 0, {"kq71 2.0.0.0\ndriver vorn_kq71_ap 2.0.0.0"}}, {{"help"}, 0, {"64 a wrong command line"}},
         {{"recipe", "--help"}, 0, {"recipe read FILE [-o OUT]"}},
     };
     expectRuns(KQ71_CLI_FILE, runs);

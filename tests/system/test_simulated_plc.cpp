@@ -62,24 +62,18 @@ TEST(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
         int first, units;
     } areas[] = {{"D", 0, 40}, {"M", 0, 40}, {"200CC", 200, 4}, {"V", 0, 4}, {"Z", 0, 4}, {"X", 0, 16}, {"256CP", 300, 2}};
     std::mt19937 rng(23);
-    auto randomValue = [&](UnitKind k) -> quint32 { return k == UnitKind::Bit ? rng() & 1 : k == UnitKind::Word ? rng() & 0xFFFF : rng(); };
+    for (int i = 0; i < kq71sim::PlcSimulator::REGISTER_SPACE; ++i) {
+        sim.setReg(i, quint16(rng()));
+        sim.setBit(i, rng() & 1);
+    }
     QList<KEY_ADDRESS> keys;
     for (const auto &a : areas) {
-        const UnitKind k = unitKindOf(a.reg);
-        for (int i = a.first; i < a.first + a.units; ++i) {
-            const UnitPlace p = placeOf(a.reg, i);
-            const quint32 v = randomValue(k);
-            if (k == UnitKind::Bit)
-                sim.setBit(p.wire, v);
-            for (int w = 0; k != UnitKind::Bit && w < (k == UnitKind::DoubleWord ? 2 : 1); ++w)
-                sim.setReg(p.wire + w, quint16(v >> 16 * w));
-        }
         keys << KEY_ADDRESS();
         keys.last().station = 1;
         keys.last().regName = a.reg;
         keys.last().address = a.first;
-        keys.last().dataType = driverDataType(k);
-        keys.last().length = driverLength(k, a.units);
+        keys.last().dataType = driverDataType(unitKindOf(a.reg));
+        keys.last().length = driverLength(unitKindOf(a.reg), a.units);
     }
     const int jobs = rt.watch(keys);
 
@@ -100,7 +94,8 @@ TEST(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
     for (int n = 0; n < 300; ++n) {
         const auto &a = areas[rng() % 7];
         const UnitKind k = unitKindOf(a.reg);
-        writes.push_back(Write{a.reg, a.first + int(rng() % quint32(a.units)), randomValue(k), 0});
+        const quint32 value = k == UnitKind::Bit ? rng() & 1 : k == UnitKind::Word ? rng() & 0xFFFF : rng();
+        writes.push_back(Write{a.reg, a.first + int(rng() % quint32(a.units)), value, 0});
         rt.write(1, a.reg, writes.back().address, driverLength(k, 1), bytesOf(k, writes.back().value), FIRST_ID + n);
         pump(4);
     }
@@ -130,13 +125,6 @@ TEST(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
         for (int i = a.first; i < a.first + a.units; ++i)
             EXPECT_EQ(rt.read(1, a.reg, i, driverLength(unitKindOf(a.reg), 1)).toHex(),
                       bytesOf(unitKindOf(a.reg), simValue(sim, a.reg, i)).toHex()) << unitName(a.reg, i).toStdString();
-}
-
-TEST(DriverLoading, LinkDefaultsComeFromTheDriversParameterText)
-{
-    const DriverDefaults d = driver().defaults();
-    EXPECT_EQ(std::make_tuple(d.baud, d.dataBits, d.parity, d.stopBits, d.port, d.name, d.registers.size()),
-              std::make_tuple(19200, 8, QString("NONE"), 2, 8000, QString("vorn_kq71_ap"), 19));
 }
 
 } // namespace

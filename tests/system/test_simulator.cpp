@@ -1,6 +1,6 @@
 // The simulated PLC the other tests lean on: its refusals and silences, its
-// faults and moving values, and the kq71-sim program framing a TCP stream
-// (its pseudo-terminal carries the watch tests). What an answer holds, the
+// faults, and the kq71-sim program framing a TCP stream (its pseudo-terminal
+// carries the watch tests, its moving values kq71 watch --sim-move). What an answer holds, the
 // driver's cache proves against the simulator's memory under faults, for
 // every kind of register (SimulatedPlc).
 #include "plc_simulator.h"
@@ -161,20 +161,6 @@ TEST(SimulatorFaults, EachFaultSpoilsTheReplyAndExecutesOrNotAsDocumented)
     };
     EXPECT_EQ(run(7), run(7));  // the same seed, the same run
     EXPECT_NE(run(7), run(8));
-}
-
-TEST(SimulatorMovers, ValuesMoveWithTheSimulatedClockOnly)
-{
-    PlcSimulator sim;
-    sim.addCounter(D);
-    sim.addToggle(M);
-    sim.addWave(D + 10);
-    for (int i = 0; i < 50; ++i)
-        sim.advance(10);  // small steps add up across step edges
-    EXPECT_EQ(std::make_tuple(sim.reg(D), sim.bit(M), sim.reg(D + 10)), std::make_tuple(5, true, 655));  // 500 + 500 sin(2pi/20)
-    sim.advance(-5);
-    sim.advance(2000);  // a quarter period: the wave at its top
-    EXPECT_EQ(std::make_tuple(sim.reg(D), sim.bit(M), sim.reg(D + 10)), std::make_tuple(25, true, 1000));
 }
 
 // A stream is cut into requests by the length each function gives: two in

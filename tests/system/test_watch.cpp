@@ -44,7 +44,13 @@ QStringList pick(const Outcome &r, const QStringList &types, const char *field)
 // A watch started in the background, and what it printed so far.
 struct Watch {
     explicit Watch(const QStringList &args) { start(process, KQ71_CLI_FILE, QStringList("watch") + args << "--json"); }
-    bool waitFor(const char *text) { return waitForOutput(process, &seen, text); }
+    bool waitFor(const char *text)
+    {
+        return waitUntil([&] { return seen.contains(text); }, [&] {
+            process.waitForReadyRead(50);
+            seen += process.readAllStandardOutput();
+        });
+    }
     Outcome end()
     {
         Outcome r = finish(process);
