@@ -36,8 +36,10 @@ struct TestBroker {
             port = free.serverPort();
             QList<QStringList> tools;
             if (tls && ext.open(QIODevice::WriteOnly) && ext.write("subjectAltName=IP:127.0.0.1\n") > 0 && ext.flush())
-                tools << QString("openssl req -x509 -newkey rsa:2048 -nodes -keyout %1/ca.key -out %1/ca.crt -days 2 -subj /CN=ca").arg(d).split(' ')
-                      << QString("openssl req -newkey rsa:2048 -nodes -keyout %1/server.key -out %1/server.csr -subj /CN=127.0.0.1").arg(d).split(' ')
+                tools << QString("openssl req -x509 -newkey rsa:2048 -nodes -keyout %1/ca.key -out %1/ca.crt "
+                                 "-days 2 -subj /CN=ca").arg(d).split(' ')
+                      << QString("openssl req -newkey rsa:2048 -nodes -keyout %1/server.key -out %1/server.csr "
+                                 "-subj /CN=127.0.0.1").arg(d).split(' ')
                       << QString("openssl x509 -req -in %1/server.csr -CA %1/ca.crt -CAkey %1/ca.key -CAcreateserial "
                                  "-out %1/server.crt -days 2 -extfile %1/san.ext").arg(d).split(' ');
             if (password)
@@ -60,7 +62,8 @@ struct TestBroker {
             lines << "persistence true\npersistence_location %1/";
         if (maxPacketBytes > 0)
             lines << QString("max_packet_size %1").arg(maxPacketBytes);
-        if (!conf.open(QIODevice::WriteOnly) || conf.write(lines.join('\n').replace("%1", d).toUtf8() + '\n') < 0 || !conf.flush()) {
+        const QByteArray text = lines.join('\n').replace("%1", d).toUtf8() + '\n';
+        if (!conf.open(QIODevice::WriteOnly) || conf.write(text) != text.size() || !conf.flush()) {
             *error = "cannot write the broker's configuration";
             return false;
         }
@@ -115,7 +118,8 @@ struct Recorder {
         for (const kq71bridge::MqttEvent &e : client->takeEvents(waitMs)) {
             if (e.kind == kq71bridge::MqttEvent::Connected && !subscription.isEmpty())
                 client->subscribe(subscription, 1);
-            connected = e.kind == kq71bridge::MqttEvent::Connected || (connected && e.kind == kq71bridge::MqttEvent::Message);
+            connected = e.kind == kq71bridge::MqttEvent::Connected ||
+                        (connected && e.kind == kq71bridge::MqttEvent::Message);
             if (e.kind == kq71bridge::MqttEvent::Message) {
                 messages << e.message;
                 last[e.message.topic] = e.message.payload;

@@ -55,7 +55,8 @@ struct Line {
         if (!client)
             open();
         QStringList errors;
-        EXPECT_TRUE(parseTags(tagJson, driver(), registerCatalogue(driver()), 1, &tags, &errors)) << qPrintable(errors.join('\n'));
+        EXPECT_TRUE(parseTags(tagJson, driver(), registerCatalogue(driver()), 1, &tags, &errors))
+            << qPrintable(errors.join('\n'));
         QString error;
         link.open(&error);
         runtime.reset(new Runtime(driver(), link, options));
@@ -134,7 +135,8 @@ TEST(Bridge, RetainedValuesForLateSubscribersChangesBeyondTheDeadbandAndAStation
         EXPECT_TRUE(m.retain) << qPrintable(m.topic);
     const QJsonArray meta = json(late.last.value(topic("meta"))).value("tags").toArray();
     ASSERT_EQ(meta.size(), 8);
-    EXPECT_EQ(meta[2].toObject().value("address").toString() + meta[2].toObject().value("type").toString(), "200CC200int32");
+    const QJsonObject total = meta[2].toObject();
+    EXPECT_EQ(total["address"].toString() + total["type"].toString(), "200CC200int32");
     EXPECT_EQ(meta[6].toObject().value("writable").toBool(true), false);
 
     // A change arrives; one within the deadband does not, one beyond it does.
@@ -152,7 +154,8 @@ TEST(Bridge, RetainedValuesForLateSubscribersChangesBeyondTheDeadbandAndAStation
     silent.drop = 1;
     line.sim.setFaults(silent);
     ASSERT_TRUE(line.until([&] {
-        return line.last("plc/1/status") == "offline" && line.last("tag/speed/error") == "r" && line.last("tag/fresh/error") == "rp";
+        return line.last("plc/1/status") == "offline" && line.last("tag/speed/error") == "r" &&
+               line.last("tag/fresh/error") == "rp";
     }));
     EXPECT_EQ(line.last("tag/speed"), "7");
     ASSERT_TRUE(line.publish("tag/speed/set", "5"));
@@ -180,8 +183,8 @@ std::string results(const QVector<MqttMessage> &messages)
     QStringList list;
     for (const MqttMessage &m : messages)
         if (m.topic.endsWith("/set/result"))
-            list << json(m.payload).value("id").toVariant().toString() + ':' + json(m.payload).value("error").toString() +
-                        (m.retain ? " retained" : "");
+            list << json(m.payload).value("id").toVariant().toString() + ':' +
+                        json(m.payload).value("error").toString() + (m.retain ? " retained" : "");
     return sorted(list);
 }
 
@@ -218,14 +221,16 @@ TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
     QStringList expected = QString("1: 2: 3: 4: : 5:read-only 6:invalid 7:invalid :invalid 9:invalid 10:read-only "
                                    "11:invalid 13:").split(' ');
     const std::string answered = sorted(expected);
-    ASSERT_TRUE(line.until([&] { return results(line.client->messages) == answered; })) << results(line.client->messages);
+    ASSERT_TRUE(line.until([&] { return results(line.client->messages) == answered; }))
+        << results(line.client->messages);
     line.runFor(300);
     EXPECT_EQ(results(line.client->messages), answered);
     const QVector<MqttMessage> reply = line.client->on("replies/13");
     ASSERT_EQ(reply.size(), 1);
     EXPECT_EQ(reply[0].correlation, QByteArray("corr-13"));
     // The PLC's memory took the good ones; the refused and retained did not.
-    EXPECT_EQ(std::make_tuple(line.reg("D", 100), qint32(line.reg("200CC", 200, 2)), line.reg("D", 102, 2), line.reg("D", 110)),
+    EXPECT_EQ(std::make_tuple(line.reg("D", 100), qint32(line.reg("200CC", 200, 2)), line.reg("D", 102, 2),
+                              line.reg("D", 110)),
               std::make_tuple(124u, -70000, 0x3DCCCCCDu, 0x0105u));  // 0.1f; bit 2 of D110 set, the others kept
     EXPECT_TRUE(line.sim.bit(placeOf("X", 16).wire));
     EXPECT_EQ(line.last("tag/temp"), "0.1");
@@ -270,7 +275,8 @@ TEST(Bridge, MetaLargerThanTheBrokerAllowsComesInParts)
     line.broker.maxPacketBytes = 4096;
     QJsonArray list;
     for (int i = 0; i < 300; ++i)
-        list.append(QJsonObject{{"name", QString("word-%1").arg(i)}, {"address", QString("D%1").arg(i)}, {"type", "uint16"}});
+        list.append(QJsonObject{
+            {"name", QString("word-%1").arg(i)}, {"address", QString("D%1").arg(i)}, {"type", "uint16"}});
     line.start(QJsonDocument(list).toJson());
     int parts = -1;
     ASSERT_TRUE(line.until([&] {
@@ -305,7 +311,8 @@ TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClientsOverTlsWithAPassword)
           {"bridge", "--mqtt", QString("127.0.0.1:%1").arg(broker.port), "--root", "cli/t", "--tags", tags.fileName(),
            "--mqtt-ca", broker.file("ca.crt"), "--mqtt-user", "plc", "--seconds", "8", "--mqtt-v311"},
           {"KQ71_MQTT_PASSWORD=secret"});
-    const QStringList login{"-h", "127.0.0.1", "-p", QString::number(broker.port), "--cafile", broker.file("ca.crt"), "-u", "plc", "-P"};
+    const QStringList login{"-h",       "127.0.0.1",           "-p", QString::number(broker.port),
+                            "--cafile", broker.file("ca.crt"), "-u", "plc", "-P"};
     auto first = [&](const char *t, const char *password = "secret") {
         return run("mosquitto_sub", login + QStringList{password, "-t", t, "-C", "1", "-W", "6"}).out.trimmed();
     };
@@ -313,7 +320,8 @@ TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClientsOverTlsWithAPassword)
     EXPECT_EQ(first("cli/t/tag/speed", "guess"), "");
 
     QProcess result;
-    start(result, "mosquitto_sub", login + QStringList{"secret", "-t", "cli/t/tag/speed/set/result", "-C", "1", "-W", "6"});
+    start(result, "mosquitto_sub",
+          login + QStringList{"secret", "-t", "cli/t/tag/speed/set/result", "-C", "1", "-W", "6"});
     QThread::msleep(300);  // let it subscribe
     EXPECT_EQ(run("mosquitto_pub", login + QStringList{"secret", "-t", "cli/t/tag/speed/set", "-q", "1", "-m",
                                                        R"({"value": -3, "id": "x"})"}).status, 0);

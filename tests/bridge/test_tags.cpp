@@ -62,7 +62,8 @@ TEST(TagFile, SetValuesMustFitTheirTagsType)
 {
     QVector<Tag> t;
     QStringList errors;
-    ASSERT_TRUE(parse(R"([{"name":"a","address":"d1","type":"int16","station":7}, {"name":"b","address":"D1","type":"uint16"},
+    ASSERT_TRUE(parse(R"([{"name":"a","address":"d1","type":"int16","station":7},
+                          {"name":"b","address":"D1","type":"uint16"},
                           {"name":"c","address":"D1","type":"int32"}, {"name":"d","address":"200CC200","type":"uint32"},
                           {"name":"e","address":"D1","type":"float32"}, {"name":"f","address":"X1","type":"bool"}])",
                       &t, &errors)) << qPrintable(errors.join('\n'));
@@ -72,10 +73,12 @@ TEST(TagFile, SetValuesMustFitTheirTagsType)
         const Tag &tag;
         const char *set;  // as JSON
         bool fits;
-    } cases[] = {{i16, "\"-32768\"", true}, {i16, "32768", false}, {i16, "1.5", false},     {u16, "65535", true},
-                 {u16, "-1", false},        {i32, "\"\"", false},  {u32, "4294967295", true}, {u32, "4294967296", false},
-                 {f32, "1e39", false},      {f32, "\"nan\"", false}, {x, "\"0\"", true},      {x, "2", false},
-                 {x, "\"yes\"", false},     {i16, "\"12abc\"", false}, {i16, "null", false},   {i16, "[1]", false}};
+    } cases[] = {
+        {i16, "\"-32768\"", true}, {i16, "32768", false},       {i16, "1.5", false},        {i16, "\"12abc\"", false},
+        {i16, "null", false},      {i16, "[1]", false},         {u16, "65535", true},       {u16, "-1", false},
+        {i32, "\"\"", false},      {u32, "4294967295", true},   {u32, "4294967296", false}, {f32, "1e39", false},
+        {f32, "\"nan\"", false},   {x, "\"0\"", true},           {x, "2", false},            {x, "\"yes\"", false},
+    };
     for (const auto &c : cases) {
         quint32 raw = 0;
         QString why;

@@ -60,7 +60,8 @@ TEST(SimulatedPlc, FaultyLineLosesNoWriteSilentlyAndConvergesOnceFaultsStop)
     const struct {
         const char *reg;
         int first, units;
-    } areas[] = {{"D", 0, 40}, {"M", 0, 40}, {"200CC", 200, 4}, {"V", 0, 4}, {"Z", 0, 4}, {"X", 0, 16}, {"256CP", 300, 2}};
+    } areas[] = {{"D", 0, 40}, {"M", 0, 40}, {"200CC", 200, 4}, {"V", 0, 4},
+                 {"Z", 0, 4},  {"X", 0, 16}, {"256CP", 300, 2}};
     std::mt19937 rng(23);
     for (int i = 0; i < kq71sim::PlcSimulator::REGISTER_SPACE; ++i) {
         sim.setReg(i, quint16(rng()));

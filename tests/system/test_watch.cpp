@@ -69,7 +69,8 @@ TEST(Watch, JsonLinesCarryTimeQualityTheStationStateAndStats)
     for (const QJsonObject &o : r.objects()) {
         EXPECT_TRUE(iso.match(o["time"].toString()).hasMatch()) << QJsonDocument(o).toJson().toStdString();
         if (o["type"] == "value" || o["type"] == "change")
-            EXPECT_TRUE(o["quality"] == "good" && o["stationState"] == "online" && iso.match(o["readAt"].toString()).hasMatch());
+            EXPECT_TRUE(o["quality"] == "good" && o["stationState"] == "online" &&
+                        iso.match(o["readAt"].toString()).hasMatch());
         if (o["type"] == "stats")
             EXPECT_TRUE(o["givenUp"].toInt() == 0 && o["framesPerSecond"].toDouble() > 0) << r.out.toStdString();
     }
@@ -90,7 +91,8 @@ TEST(Watch, PollsOnceAnIntervalOrAsFastAsTheLineAllows)
     } cases[] = {{"1s", 8, 10}, {"250ms", 32, 34}, {"0", 200, 1 << 30}};
     for (const auto &c : cases) {
         // Two addresses far apart: two read jobs a round, for 4 s.
-        const Outcome r = runKq71({"watch", "D0", "D1000", "--sim-fast", "--seconds", "4", "--interval", c.interval, "--json"});
+        const Outcome r =
+            runKq71({"watch", "D0", "D1000", "--sim-fast", "--seconds", "4", "--interval", c.interval, "--json"});
         ASSERT_EQ(r.status, 0) << r.err.toStdString();
         const int frames = r.objects().last()["frames"].toInt();
         EXPECT_TRUE(frames >= c.minFrames && frames <= c.maxFrames) << c.interval << ": " << frames;
@@ -99,7 +101,8 @@ TEST(Watch, PollsOnceAnIntervalOrAsFastAsTheLineAllows)
 
 TEST(Watch, AStationThatNeverAnswersIsMarkedStaleAndOfflineAndFailsTheRun)
 {
-    const QStringList deaf{"--sim-fast", "--sim-faults", "drop=1", "--timeout", "20", "--interval", "100ms", "--seconds", "2"};
+    const QStringList deaf{"--sim-fast", "--sim-faults", "drop=1", "--timeout", "20",
+                           "--interval", "100ms", "--seconds", "2"};
     const Outcome json = runKq71(QStringList{"watch", "D100:2", "--json"} + deaf);
     EXPECT_EQ(json.status, 1);
     EXPECT_EQ(pick(json, {"value"}, "quality"), QStringList({"stale", "stale"})) << json.out.toStdString();
@@ -139,7 +142,8 @@ TEST(Watch, ALostTcpPeerCostsNextToNothingAndItsValuesComeBackWhenItDoes)
     watch.process.terminate();
     const Outcome r = watch.end();
     EXPECT_EQ(r.status, 0) << r.err.toStdString();
-    EXPECT_EQ(pick(r, {"link", "station"}, "state"), (QStringList{"down", "offline", "up", "online"})) << r.out.toStdString();
+    EXPECT_EQ(pick(r, {"link", "station"}, "state"), (QStringList{"down", "offline", "up", "online"}))
+        << r.out.toStdString();
     EXPECT_EQ(pick(r, {"value", "quality", "change"}, "quality").mid(0, 3), (QStringList{"good", "stale", "good"}));
     EXPECT_EQ(pick(r, {"value"}, "value"), QStringList{"7"});
 }
@@ -172,7 +176,8 @@ TEST(OneOffWork, ShowsProgressOnATerminalAndNothingInAPipe)
     start(tty, "script", {"-qec", QString(KQ71_CLI_FILE) + ' ' + args.join(' ') + " >/dev/null", "/dev/null"});
     const Outcome onTty = finish(tty, 60000);
     ASSERT_EQ(onTty.status, 0) << onTty.err.toStdString();
-    EXPECT_TRUE(QRegularExpression("\\rread: \\d+ of 300, \\d+ s").match(onTty.out).hasMatch()) << onTty.out.toStdString();
+    EXPECT_TRUE(QRegularExpression("\\rread: \\d+ of 300, \\d+ s").match(onTty.out).hasMatch())
+        << onTty.out.toStdString();
     const Outcome piped = runKq71(QStringList(args) << "--sim-fast");
     ASSERT_EQ(piped.status, 0) << piped.err.toStdString();
     EXPECT_EQ(piped.err, QString());
