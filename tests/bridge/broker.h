@@ -1,19 +1,14 @@
-// A mosquitto broker of the test's own on 127.0.0.1 and a free port, and a
-// client on the bridge's MQTT library that records what it receives.
+// A mosquitto broker of the test's own on 127.0.0.1 and a free port.
 #ifndef KQ71_TESTS_BRIDGE_BROKER_H
 #define KQ71_TESTS_BRIDGE_BROKER_H
 
-#include "mqtt_client.h"
 #include "support.h"
 
 #include <QtCore/QFile>
-#include <QtCore/QHash>
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 #include <QtNetwork/QTcpServer>
 #include <QtNetwork/QTcpSocket>
-
-#include <memory>
 
 namespace kq71test {
 
@@ -24,10 +19,12 @@ struct TestBroker {
     int maxPacketBytes = 0;
 
     ~TestBroker() { stop(); }
-    // Starts mosquitto, on the same port when it starts again, and waits
-    // (bounded) until it takes connections.
+    // Starts mosquitto unless it runs, on the same port when it starts again,
+    // and waits (bounded) until it takes connections.
     bool start(QString *error)
     {
+        if (process.state() == QProcess::Running)
+            return true;
         const QString d = dir.path();
         QFile ext(d + "/san.ext"), conf(d + "/mosquitto.conf");
         if (port == 0) {
@@ -95,51 +92,6 @@ struct TestBroker {
     QTemporaryDir dir;
     int port = 0;
     QProcess process;
-};
-
-// A client on its own network thread; subscribes on every (re)connection. One
-// with an id keeps its session on the broker across its restarts.
-struct Recorder {
-    Recorder(const TestBroker &broker, const QString &subscription, const QString &clientId = QString())
-        : subscription(subscription)
-    {
-        kq71bridge::MqttSettings s;
-        s.port = broker.port;
-        s.clientId = clientId;
-        s.cleanSession = clientId.isEmpty();
-        s.reconnectMaxS = 1;
-        client.reset(new kq71bridge::MqttClient(s));
-        QString error;
-        client->start(&error);
-    }
-    // Takes what arrived.
-    void poll(int waitMs = 0)
-    {
-        for (const kq71bridge::MqttEvent &e : client->takeEvents(waitMs)) {
-            if (e.kind == kq71bridge::MqttEvent::Connected && !subscription.isEmpty())
-                client->subscribe(subscription, 1);
-            connected = e.kind == kq71bridge::MqttEvent::Connected ||
-                        (connected && e.kind == kq71bridge::MqttEvent::Message);
-            if (e.kind == kq71bridge::MqttEvent::Message) {
-                messages << e.message;
-                last[e.message.topic] = e.message.payload;
-            }
-        }
-    }
-    QVector<kq71bridge::MqttMessage> on(const QString &topic) const
-    {
-        QVector<kq71bridge::MqttMessage> out;
-        for (const kq71bridge::MqttMessage &m : messages)
-            if (m.topic == topic)
-                out << m;
-        return out;
-    }
-
-    QString subscription;
-    std::unique_ptr<kq71bridge::MqttClient> client;
-    QVector<kq71bridge::MqttMessage> messages;
-    QHash<QString, QByteArray> last;  // latest payload by topic
-    bool connected = false;
 };
 
 } // namespace kq71test

@@ -35,43 +35,78 @@ const char TAGS[] = R"([
 QString topic(const QString &rest) { return "plant/line1/" + rest; }
 QJsonObject json(const QByteArray &payload) { return QJsonDocument::fromJson(payload).object(); }
 
-// A broker of the test's own and a client on everything under the root;
-// then one line of PLCs (the simulator, paced like a real 115200 baud line)
-// bridged to it.
+// A broker of the test's own, one line of PLCs (the simulator, paced like a
+// real 115200 baud line) bridged to it, and once asked for, a client on
+// everything under the root and on replies/#.
 struct Line {
     ~Line()
     {
         if (bridge)
             bridge->shutdown();
     }
-    void open(const QString &clientId = QString())
+    void start(const QByteArray &tagJson = TAGS)
     {
         QString error;
         ASSERT_TRUE(broker.start(&error)) << qPrintable(error);
-        client.reset(new Recorder(broker, topic("#"), clientId));
-    }
-    void start(const QByteArray &tagJson = TAGS)
-    {
-        if (!client)
-            open();
         QStringList errors;
         EXPECT_TRUE(parseTags(tagJson, driver(), registerCatalogue(driver()), 1, &tags, &errors))
             << qPrintable(errors.join('\n'));
-        QString error;
         link.open(&error);
         runtime.reset(new Runtime(driver(), link, options));
         runtime->start();
-        MqttSettings ms;
-        ms.port = broker.port;
-        ms.reconnectMaxS = 1;
-        ms.willTopic = Bridge::statusTopic("plant/line1");
-        ms.willPayload = "offline";
-        mqtt.reset(new MqttClient(ms));
+        mqtt.reset(new MqttClient(settings()));
         BridgeOptions bo;
         bo.root = "plant/line1";
         bridge.reset(new Bridge(*runtime, *mqtt, tags, bo));
         bridge->log = [](const QString &) {};
         EXPECT_TRUE(bridge->start(&error) && mqtt->start(&error)) << qPrintable(error);
+    }
+    // With an id, the client's session outlives a restart of the broker.
+    void watch(const QString &clientId = QString())
+    {
+        MqttSettings s = settings();
+        s.clientId = clientId;
+        s.cleanSession = clientId.isEmpty();
+        client.reset(new MqttClient(s));
+        QString error;
+        EXPECT_TRUE(client->start(&error)) << qPrintable(error);
+    }
+    MqttSettings settings() const
+    {
+        MqttSettings s;
+        s.port = broker.port;
+        s.reconnectMaxS = 1;
+        return s;
+    }
+    // Runs the bridge and takes what the client received, until done() or the deadline.
+    bool until(const std::function<bool()> &done, int timeoutMs = 10000)
+    {
+        return waitUntil(done, [&] {
+            if (bridge)
+                bridge->step();
+            for (const MqttEvent &e : client ? client->takeEvents(0) : QVector<MqttEvent>()) {
+                if (e.kind == MqttEvent::Connected) {
+                    client->subscribe(topic("#"), 1);
+                    client->subscribe("replies/#", 1);
+                } else if (e.kind == MqttEvent::Message) {
+                    messages << e.message;
+                    last[e.message.topic] = e.message.payload;
+                }
+            }
+        }, timeoutMs);
+    }
+    void runFor(int ms) { until([] { return false; }, ms); }
+    QVector<MqttMessage> on(const QString &topic) const
+    {
+        QVector<MqttMessage> out;
+        for (const MqttMessage &m : messages)
+            if (m.topic == topic)
+                out << m;
+        return out;
+    }
+    bool publish(const QString &rest, const QByteArray &payload)
+    {
+        return client->publish(topic(rest), payload, 1, false) == 0;
     }
     // 32-bit values low word first.
     void set(const QString &reg, int address, quint32 value, int words = 1)
@@ -84,31 +119,17 @@ struct Line {
         const int w = placeOf(reg, address).wire;
         return words == 1 ? sim.reg(w) : sim.reg(w) | quint32(sim.reg(w + 1)) << 16;
     }
-    QByteArray last(const QString &rest) const { return client->last.value(topic(rest)); }
-    bool publish(const QString &rest, const QByteArray &payload, bool retain = false)
-    {
-        return client->client->publish(topic(rest), payload, 1, retain) == 0;
-    }
-    // Runs the bridge and the client until done() or the deadline.
-    bool until(const std::function<bool()> &done, int timeoutMs = 10000)
-    {
-        return waitUntil(done, [&] {
-            if (bridge)
-                bridge->step();
-            client->poll(bridge ? 0 : 10);
-        }, timeoutMs);
-    }
-    void runFor(int ms) { until([] { return false; }, ms); }
 
     TestBroker broker;
-    std::unique_ptr<Recorder> client;
     kq71sim::PlcSimulator sim;
     SimLink link{sim, SimLinkOptions{115200, true}};
     RuntimeOptions options;
     std::unique_ptr<Runtime> runtime;
     QVector<Tag> tags;
-    std::unique_ptr<MqttClient> mqtt;
+    std::unique_ptr<MqttClient> mqtt, client;  // the bridge's, and the watching one
     std::unique_ptr<Bridge> bridge;
+    QVector<MqttMessage> messages;
+    QHash<QString, QByteArray> last;  // latest payload by topic
 };
 
 TEST(Bridge, RetainedValuesForLateSubscribersChangesBeyondTheDeadbandAndAStationFallingSilent)
@@ -126,14 +147,14 @@ TEST(Bridge, RetainedValuesForLateSubscribersChangesBeyondTheDeadbandAndAStation
     ASSERT_TRUE(line.until([&] { return line.bridge->stats().valuesPublished >= 8; }));
 
     // Everything is on the broker now: a late subscriber gets it retained.
-    Recorder late(line.broker, topic("#"));
-    ASSERT_TRUE(waitUntil([&] { return late.last.size() >= 8 + 3; }, [&] { late.poll(10); }));
+    line.watch();
+    ASSERT_TRUE(line.until([&] { return line.last.size() >= 8 + 3; }));
     for (const QString &e : QString("status=online plc/1/status=online tag/speed=-5 tag/level=50 tag/total=70000 "
                                     "tag/temp=3.25 tag/run=1 tag/alarm=1 tag/fixed=0").split(' '))
-        EXPECT_EQ(late.last.value(topic(e.section('=', 0, 0))), e.section('=', 1).toUtf8()) << qPrintable(e);
-    for (const MqttMessage &m : late.messages)
+        EXPECT_EQ(line.last.value(topic(e.section('=', 0, 0))), e.section('=', 1).toUtf8()) << qPrintable(e);
+    for (const MqttMessage &m : line.messages)
         EXPECT_TRUE(m.retain) << qPrintable(m.topic);
-    const QJsonArray meta = json(late.last.value(topic("meta"))).value("tags").toArray();
+    const QJsonArray meta = json(line.last.value(topic("meta"))).value("tags").toArray();
     ASSERT_EQ(meta.size(), 8);
     const QJsonObject total = meta[2].toObject();
     EXPECT_EQ(total["address"].toString() + total["type"].toString(), "200CC200int32");
@@ -142,31 +163,31 @@ TEST(Bridge, RetainedValuesForLateSubscribersChangesBeyondTheDeadbandAndAStation
     // A change arrives; one within the deadband does not, one beyond it does.
     line.set("D", 101, 59);
     line.set("D", 100, 7);
-    ASSERT_TRUE(line.until([&] { return line.last("tag/speed") == "7"; }));
+    ASSERT_TRUE(line.until([&] { return line.last.value(topic("tag/speed")) == "7"; }));
     line.runFor(100);
-    EXPECT_EQ(line.client->on(topic("tag/level")).size(), 1);  // 59 is within 10 of 50
+    EXPECT_EQ(line.on(topic("tag/level")).size(), 1);  // 59 is within 10 of 50
     line.set("D", 101, 61);
-    ASSERT_TRUE(line.until([&] { return line.last("tag/level") == "61"; }));
+    ASSERT_TRUE(line.until([&] { return line.last.value(topic("tag/level")) == "61"; }));
 
     // The station falls silent: offline, a read error on each tag ("p": one
     // whose own interval passed), the last good value kept, sets refused.
     kq71sim::FaultRates silent;
     silent.drop = 1;
     line.sim.setFaults(silent);
+    auto last = [&](const char *rest) { return line.last.value(topic(rest)); };
     ASSERT_TRUE(line.until([&] {
-        return line.last("plc/1/status") == "offline" && line.last("tag/speed/error") == "r" &&
-               line.last("tag/fresh/error") == "rp";
+        return last("plc/1/status") == "offline" && last("tag/speed/error") == "r" && last("tag/fresh/error") == "rp";
     }));
-    EXPECT_EQ(line.last("tag/speed"), "7");
+    EXPECT_EQ(last("tag/speed"), "7");
     ASSERT_TRUE(line.publish("tag/speed/set", "5"));
-    ASSERT_TRUE(line.until([&] { return !line.last("tag/speed/set/result").isEmpty(); }));
-    EXPECT_EQ(json(line.last("tag/speed/set/result")).value("error"), "offline");
+    ASSERT_TRUE(line.until([&] { return !last("tag/speed/set/result").isEmpty(); }));
+    EXPECT_EQ(json(last("tag/speed/set/result")).value("error"), "offline");
 
     line.sim.setFaults(kq71sim::FaultRates());
     line.set("D", 100, 18);
     ASSERT_TRUE(line.until([&] {
-        return line.last("plc/1/status") == "online" && line.last("tag/speed") == "18" &&
-               line.last("tag/speed/error").isEmpty() && line.last("tag/fresh/error").isEmpty();
+        return last("plc/1/status") == "online" && last("tag/speed") == "18" && last("tag/speed/error").isEmpty() &&
+               last("tag/fresh/error").isEmpty();
     }));
 }
 
@@ -195,14 +216,16 @@ TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
 {
     Line line;
     line.broker.persistence = true;  // the client's session survives the restart
-    line.open("watcher");
-    ASSERT_TRUE(line.until([&] { return line.client->connected; }));
-    // Retained: never carried out, on this start or the reconnection.
-    ASSERT_TRUE(line.publish("tag/fixed/set", R"({"value": 99, "id": 11})", true));
+    QString error;
+    ASSERT_TRUE(line.broker.start(&error)) << qPrintable(error);
+    // Retained before the bridge subscribes: never carried out, on this start or the reconnection.
+    ASSERT_EQ(run("mosquitto_pub", {"-p", QString::number(line.broker.port), "-t", topic("tag/fixed/set"), "-r", "-q",
+                                    "1", "-m", R"({"value": 99, "id": 11})"}).status, 0);
+    line.watch("watcher");
+    ASSERT_TRUE(line.until([&] { return !line.last.isEmpty(); }));  // subscribed: the retained set came
     line.set("D", 110, 0x0101);
     line.start();
     ASSERT_TRUE(line.until([&] { return line.bridge->stats().valuesPublished >= 8; }));
-    line.client->client->subscribe("replies/#", 1);
     line.runFor(100);
 
     const char *sets[][2] = {
@@ -216,16 +239,16 @@ TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
     for (const auto &s : sets)
         ASSERT_TRUE(line.publish(QString("tag/%1/set").arg(s[0]), s[1]));
     // MQTT 5 request/response: the answer also goes where the client asked.
-    ASSERT_EQ(line.client->client->publish(topic("tag/speed/set"), R"({"value": 124, "id": 13})", 1, false, "corr-13",
-                                           "replies/13"), 0);
+    ASSERT_EQ(line.client->publish(topic("tag/speed/set"), R"({"value": 124, "id": 13})", 1, false, "corr-13",
+                                   "replies/13"), 0);
     QStringList expected = QString("1: 2: 3: 4: : 5:read-only 6:invalid 7:invalid :invalid 9:invalid 10:read-only "
                                    "11:invalid 13:").split(' ');
     const std::string answered = sorted(expected);
-    ASSERT_TRUE(line.until([&] { return results(line.client->messages) == answered; }))
-        << results(line.client->messages);
+    ASSERT_TRUE(line.until([&] { return results(line.messages) == answered; }))
+        << results(line.messages);
     line.runFor(300);
-    EXPECT_EQ(results(line.client->messages), answered);
-    const QVector<MqttMessage> reply = line.client->on("replies/13");
+    EXPECT_EQ(results(line.messages), answered);
+    const QVector<MqttMessage> reply = line.on("replies/13");
     ASSERT_EQ(reply.size(), 1);
     EXPECT_EQ(reply[0].correlation, QByteArray("corr-13"));
     // The PLC's memory took the good ones; the refused and retained did not.
@@ -233,7 +256,7 @@ TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
                               line.reg("D", 110)),
               std::make_tuple(124u, -70000, 0x3DCCCCCDu, 0x0105u));  // 0.1f; bit 2 of D110 set, the others kept
     EXPECT_TRUE(line.sim.bit(placeOf("X", 16).wire));
-    EXPECT_EQ(line.last("tag/temp"), "0.1");
+    EXPECT_EQ(line.last.value(topic("tag/temp")), "0.1");
 
     // Slow replies keep the writes on the line while the broker goes away.
     kq71sim::FaultRates slow;
@@ -251,21 +274,20 @@ TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
     line.runFor(1500);
     EXPECT_EQ(line.bridge->stats().setsAnswered, before.setsAnswered + 6);
     EXPECT_EQ(line.reg("D", 100), 106u);
-    const int statusBefore = line.client->on(topic("status")).size();
-    QString error;
+    const int statusBefore = line.on(topic("status")).size();
     ASSERT_TRUE(line.broker.start(&error)) << qPrintable(error);
     // The broker replays the retained set on the new subscription: refused again.
     const std::string all = sorted(expected << QString("101: 102: 103: 104: 105: 106: 11:invalid").split(' '));
     ASSERT_TRUE(line.until([&] {
-        return results(line.client->messages) == all && line.last("tag/level") == "600" &&
-               line.client->on(topic("status")).size() > statusBefore;
-    }, 30000)) << results(line.client->messages);
+        return results(line.messages) == all && line.last.value(topic("tag/level")) == "600" &&
+               line.on(topic("status")).size() > statusBefore;
+    }, 30000)) << results(line.messages);
     line.runFor(300);
-    EXPECT_EQ(results(line.client->messages), all);
+    EXPECT_EQ(results(line.messages), all);
     EXPECT_EQ(line.bridge->stats().connects, 2u);
     EXPECT_EQ(line.reg("D", 120), 0u);
-    EXPECT_EQ(line.last("status"), "online");
-    for (const MqttMessage &m : line.client->on(topic("tag/level")))
+    EXPECT_EQ(line.last.value(topic("status")), "online");
+    for (const MqttMessage &m : line.on(topic("tag/level")))
         EXPECT_NE(m.payload, "500");  // never published: superseded while away
 }
 
@@ -278,16 +300,18 @@ TEST(Bridge, MetaLargerThanTheBrokerAllowsComesInParts)
         list.append(QJsonObject{
             {"name", QString("word-%1").arg(i)}, {"address", QString("D%1").arg(i)}, {"type", "uint16"}});
     line.start(QJsonDocument(list).toJson());
+    line.watch();
     int parts = -1;
+    auto part = [&](int i) { return line.last.value(topic(i ? QString("meta/%1").arg(i) : QString("meta"))); };
     ASSERT_TRUE(line.until([&] {
-        parts = json(line.last("meta")).value("parts").toInt(-1);
-        return parts > 0 && !line.last(QString("meta/%1").arg(parts)).isEmpty();
+        parts = json(part(0)).value("parts").toInt(-1);
+        return parts > 0 && !part(parts).isEmpty();
     }));
     EXPECT_GT(parts, 1);
     QSet<QString> names;
     for (int i = 1; i <= parts; ++i) {
-        EXPECT_LE(line.last(QString("meta/%1").arg(i)).size(), 4096);
-        for (const QJsonValue &t : json(line.last(QString("meta/%1").arg(i))).value("tags").toArray())
+        EXPECT_LE(part(i).size(), 4096);
+        for (const QJsonValue &t : json(part(i)).value("tags").toArray())
             names.insert(t.toObject().value("name").toString());
     }
     EXPECT_EQ(names.size(), 300);
