@@ -75,8 +75,8 @@ struct TestBroker {
         if (process.waitForStarted(10000) && waitUntil(listens, [] {}, 10000) && process.state() == QProcess::Running)
             return true;
         QFile log(d + "/mosquitto.log");
-        log.open(QIODevice::ReadOnly);
-        *error = "mosquitto does not listen: " + process.errorString() + "\n" + QString::fromLocal8Bit(log.read(4000));
+        *error = "mosquitto does not listen: " +
+                 (log.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(log.read(4000)) : process.errorString());
         return false;
     }
     void stop()

@@ -326,13 +326,11 @@ TEST(BridgeCommand, ValuesAndSetsThroughMosquittoClientsOverTlsWithAPassword)
     broker.password = broker.tls = true;
     QString error;
     ASSERT_TRUE(broker.start(&error)) << qPrintable(error);
-    QFile tags(broker.file("tags.json"));
-    ASSERT_TRUE(tags.open(QIODevice::WriteOnly));
-    tags.write(R"([{"name": "speed", "address": "D100", "type": "int16", "writable": true}])");
-    tags.close();
+    const QString tags = writeFile(broker.file("tags.json"),
+                                   R"([{"name": "speed", "address": "D100", "type": "int16", "writable": true}])");
     QProcess bridge;
     start(bridge, KQ71_CLI_FILE,
-          {"bridge", "--mqtt", QString("127.0.0.1:%1").arg(broker.port), "--root", "cli/t", "--tags", tags.fileName(),
+          {"bridge", "--mqtt", QString("127.0.0.1:%1").arg(broker.port), "--root", "cli/t", "--tags", tags,
            "--mqtt-ca", broker.file("ca.crt"), "--mqtt-user", "plc", "--seconds", "8", "--mqtt-v311"},
           {"KQ71_MQTT_PASSWORD=secret"});
     const QStringList login{"-h",       "127.0.0.1",           "-p", QString::number(broker.port),

@@ -6,6 +6,7 @@
 #include "driver_library.h"
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
@@ -47,6 +48,13 @@ struct Outcome {
         return list;
     }
 };
+
+inline QString writeFile(const QString &path, const QByteArray &text)
+{
+    QFile f(path);
+    EXPECT_TRUE(f.open(QIODevice::WriteOnly) && f.write(text) == text.size());
+    return path;
+}
 
 // Starts a program with KQ71_DRIVER naming the built driver, and env's
 // NAME=VALUE entries, in the test's environment.
