@@ -91,9 +91,8 @@ TEST(Watch, PollsOnceAnIntervalOrAsFastAsTheLinePrintingTimeQualityAndStateOfEac
 
 TEST(Watch, AStationThatNeverAnswersIsMarkedStaleAndOfflineAndFailsTheRun)
 {
-    const QStringList deaf{"--sim-fast", "--sim-faults", "drop=1", "--timeout", "20",
-                           "--interval", "100ms", "--seconds", "2"};
-    const Outcome json = runKq71(QStringList{"watch", "D100:2", "--json"} + deaf);
+    const Outcome json = runKq71({"watch", "D100:2", "--json", "--sim-fast", "--sim-faults", "drop=1", "--timeout",
+                                  "20", "--interval", "100ms", "--seconds", "2"});
     EXPECT_EQ(json.status, 1);
     EXPECT_EQ(pick(json, {"value"}, "quality"), QStringList({"stale", "stale"})) << json.out.toStdString();
     EXPECT_EQ(pick(json, {"value"}, "value"), QStringList({"", ""}));  // never read: null, no made-up 0
