@@ -271,7 +271,7 @@ TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
     ASSERT_TRUE(line.until([&] {
         return results(line.messages) == all && line.last.value(topic("tag/level")) == "600" &&
                line.on(topic("status")).size() > statusBefore;
-    }, 30000)) << results(line.messages);
+    }, 30000)) << results(line.messages) << "; level " << line.last.value(topic("tag/level")).constData();
     line.runFor(300);
     EXPECT_EQ(results(line.messages), all);
     EXPECT_EQ(line.bridge->stats().connects, 2u);

@@ -138,6 +138,7 @@ TEST(Watch, APseudoTerminalClosedAtTheOtherEndIsReportedAsTheLinkClosing)
     const QString path = dir.filePath("ttyKQ71");
     std::unique_ptr<SimProcess> sim(new SimProcess({"--link", path, "--quiet"}));
     ASSERT_TRUE(sim->first.startsWith("PTY /dev/")) << sim->first.toStdString();
+    ASSERT_TRUE(waitUntil([&] { return QFile::exists(path); }, [] { QThread::msleep(10); }, 5000));  // linked after
     ASSERT_EQ(runKq71({"write", "D0=9", "--port", path}).status, 0);
     Watch watch({"D0", "--port", path, "--interval", "100ms", "--seconds", "3"});
     ASSERT_TRUE(watch.waitFor("\"type\":\"value\"")) << watch.seen.toStdString();
