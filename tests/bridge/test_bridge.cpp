@@ -60,37 +60,39 @@ struct Line {
         bridge->log = [](const QString &) {};
         EXPECT_TRUE(bridge->start(&error) && mqtt->start(&error)) << qPrintable(error);
     }
-    // With an id, the client's session outlives a restart of the broker.
-    void watch(const QString &clientId = QString())
+    void watch()
     {
-        client.reset(new MqttClient(settings(clientId)));
+        client.reset(new MqttClient(settings()));
         QString error;
         EXPECT_TRUE(client->start(&error)) << qPrintable(error);
     }
-    MqttSettings settings(const QString &clientId = QString()) const
+    MqttSettings settings() const
     {
         MqttSettings s;
         s.port = broker.port;
         s.reconnectMaxS = 1;
-        s.clientId = clientId;
-        s.cleanSession = clientId.isEmpty();
         return s;
     }
-    // Runs the bridge and takes what the client received, until done() or the deadline.
+    // Takes what the client received.
+    void poll()
+    {
+        for (const MqttEvent &e : client ? client->takeEvents(0) : QVector<MqttEvent>()) {
+            if (e.kind == MqttEvent::Connected) {
+                client->subscribe(topic("#"), 1);
+                client->subscribe("replies/#", 1);
+            } else if (e.kind == MqttEvent::Message) {
+                messages << e.message;
+                last[e.message.topic] = e.message.payload;
+            }
+        }
+    }
+    // Runs the bridge and polls the client until done() or the deadline.
     bool until(const std::function<bool()> &done, int timeoutMs = 10000)
     {
         return waitUntil(done, [&] {
             if (bridge)
                 bridge->step();
-            for (const MqttEvent &e : client ? client->takeEvents(0) : QVector<MqttEvent>()) {
-                if (e.kind == MqttEvent::Connected) {
-                    client->subscribe(topic("#"), 1);
-                    client->subscribe("replies/#", 1);
-                } else if (e.kind == MqttEvent::Message) {
-                    messages << e.message;
-                    last[e.message.topic] = e.message.payload;
-                }
-            }
+            poll();
         }, timeoutMs);
     }
     void runFor(int ms) { until([] { return false; }, ms); }
@@ -140,14 +142,15 @@ TEST(Bridge, RetainedValuesForLateSubscribersChangesBeyondTheDeadbandAndAStation
     line.start();
     ASSERT_TRUE(line.until([&] { return line.bridge->stats().valuesPublished >= 8; }));
 
-    // Everything is on the broker now: a late subscriber gets it retained.
+    // A late subscriber gets everything retained.
     line.watch();
     ASSERT_TRUE(line.until([&] { return line.last.size() >= 8 + 3; }));
+    const QStringList retained = run("mosquitto_sub", {"-h", "127.0.0.1", "-p", QString::number(line.broker.port), "-t",
+                                                       topic("#"), "--retained-only", "-v", "-C", "11", "-W", "5"})
+                                     .out.split('\n');
     for (const QString &e : QString("status=online plc/1/status=online tag/speed=-5 tag/level=50 tag/total=70000 "
                                     "tag/temp=3.25 tag/run=1 tag/alarm=1 tag/fixed=0").split(' '))
-        EXPECT_EQ(line.last.value(topic(e.section('=', 0, 0))), e.section('=', 1).toUtf8()) << qPrintable(e);
-    for (const MqttMessage &m : line.messages)
-        EXPECT_TRUE(m.retain) << qPrintable(m.topic);
+        EXPECT_TRUE(retained.contains(topic(e.section('=', 0, 0)) + ' ' + e.section('=', 1))) << qPrintable(e);
     const QJsonArray meta = json(line.last.value(topic("meta"))).value("tags").toArray();
     ASSERT_EQ(meta.size(), 8);
     EXPECT_EQ(meta[2].toObject()["address"].toString() + meta[2].toObject()["type"].toString(), "200CC200int32");
@@ -208,13 +211,13 @@ std::string results(const QVector<MqttMessage> &messages)
 TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
 {
     Line line;
-    line.broker.persistence = true;  // the client's session survives the restart
+    line.broker.persistence = true;  // retained messages survive the restart
     QString error;
     ASSERT_TRUE(line.broker.start(&error)) << qPrintable(error);
     // Retained before the bridge subscribes: never carried out, on this start or the reconnection.
     ASSERT_EQ(run("mosquitto_pub", {"-h", "127.0.0.1", "-p", QString::number(line.broker.port), "-t",
                                     topic("tag/fixed/set"), "-r", "-m", R"({"value": 99, "id": 11})"}).status, 0);
-    line.watch("watcher");
+    line.watch();
     ASSERT_TRUE(line.until([&] { return !line.last.isEmpty(); }));  // subscribed: the retained set came
     line.set("D", 110, 0x0101);
     line.start();
@@ -263,19 +266,20 @@ TEST(Bridge, EverySetGetsExactlyOneResultAlsoAcrossABrokerRestart)
     line.runFor(1500);
     EXPECT_EQ(line.bridge->stats().setsAnswered, before.setsAnswered + 6);
     EXPECT_EQ(line.reg("D", 100), 106u);
-    const int statusBefore = line.on(topic("status")).size();
     ASSERT_TRUE(line.broker.start(&error)) << qPrintable(error);
+    // The client has subscribed again (what is retained came back) before the
+    // bridge, which may answer at once, is let on.
+    const int seen = line.messages.size();
+    ASSERT_TRUE(waitUntil([&] { return line.messages.size() > seen; }, [&] { line.poll(); }));
     // The broker replays the retained set on the new subscription: refused again.
     const std::string all = sorted(expected << QString("101: 102: 103: 104: 105: 106: 11:invalid").split(' '));
     ASSERT_TRUE(line.until([&] {
-        return results(line.messages) == all && line.last.value(topic("tag/level")) == "600" &&
-               line.on(topic("status")).size() > statusBefore;
+        return results(line.messages) == all && line.last.value(topic("tag/level")) == "600";
     }, 30000)) << results(line.messages) << "; level " << line.last.value(topic("tag/level")).constData();
     line.runFor(300);
     EXPECT_EQ(results(line.messages), all);
     EXPECT_EQ(line.bridge->stats().connects, 2u);
     EXPECT_EQ(line.reg("D", 120), 0u);
-    EXPECT_EQ(line.last.value(topic("status")), "online");
     for (const MqttMessage &m : line.on(topic("tag/level")))
         EXPECT_NE(m.payload, "500");  // never published: superseded while away
 }
@@ -286,8 +290,7 @@ TEST(Bridge, MetaLargerThanTheBrokerAllowsComesInParts)
     line.broker.maxPacketBytes = 4096;
     QJsonArray list;
     for (int i = 0; i < 300; ++i)
-        list.append(QJsonObject{
-            {"name", QString("word-%1").arg(i)}, {"address", QString("D%1").arg(i)}, {"type", "uint16"}});
+        list << QJsonObject{{"name", QString("w%1").arg(i)}, {"address", QString("D%1").arg(i)}, {"type", "uint16"}};
     line.start(QJsonDocument(list).toJson());
     line.watch();
     int parts = -1;
