@@ -1,5 +1,7 @@
-// The tag file and the value conversions: what a bad entry is told, and how
-// each type goes between the driver's bytes, the broker's text and a set.
+// The tag file: what a bad entry is told, and which values a set may carry.
+// What the keys do, and how each type goes to the PLC and back, the bridge's
+// tests show through the broker.
+#include "support.h"
 #include "tags.h"
 
 #include <gtest/gtest.h>
@@ -8,171 +10,76 @@
 #include <QtCore/QJsonDocument>
 
 using namespace kq71bridge;
-using namespace kq71rt;
 
 namespace {
 
-class TagFile : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        QString error;
-        ASSERT_TRUE(driver.load(KQ71_DRIVER_FILE, &error)) << qPrintable(error);
-        catalogue = registerCatalogue(driver);
-    }
-
-    static bool parse(const QByteArray &json, QVector<Tag> *tags, QStringList *errors)
-    {
-        return parseTags(json, driver, catalogue, 1, tags, errors);
-    }
-
-    static Tag one(const char *entry)
-    {
-        QVector<Tag> tags;
-        QStringList errors;
-        EXPECT_TRUE(parse(QByteArray("[") + entry + "]", &tags, &errors)) << qPrintable(errors.join('\n'));
-        return tags.value(0);
-    }
-
-    static DriverLibrary driver;
-    static QList<RegisterInfo> catalogue;
-};
-
-DriverLibrary TagFile::driver;
-QList<RegisterInfo> TagFile::catalogue;
-
-TEST_F(TagFile, GoodEntriesFindTheirUnits)
+bool parse(const QByteArray &json, QVector<Tag> *tags, QStringList *errors)
 {
-    const Tag word = one(R"({"name":"speed","address":"d100","type":"int16","writable":true,"deadband":2.5,
-                             "interval":500,"station":7})");
-    EXPECT_EQ(word.regName, "D");
-    EXPECT_EQ(word.address, 100);
-    EXPECT_EQ(word.station, 7);
-    EXPECT_EQ(word.intervalMs, 500);
-    EXPECT_EQ(word.deadband, 2.5);
-    EXPECT_TRUE(word.writable);
-
-    const Tag octal = one(R"({"name":"x","address":"X20","type":"bool"})");
-    EXPECT_EQ(octal.address, 16);  // X addresses are octal
-    EXPECT_EQ(octal.station, 1);   // the command line's station
-
-    const Tag pair = one(R"({"name":"p","address":"D200","type":"float32"})");
-    EXPECT_EQ(pair.units, 2);
-    EXPECT_EQ(pair.driverLength(), 2);
-    const Tag dword = one(R"({"name":"c","address":"200CC200","type":"uint32"})");
-    EXPECT_EQ(dword.units, 1);
-    EXPECT_EQ(dword.driverLength(), 2);
-    const Tag bit = one(R"({"name":"b","address":"D100.15","type":"bool"})");
-    EXPECT_EQ(bit.bit, 15);
-    EXPECT_EQ(bit.dataType(), 0);  // watched as its word
+    return parseTags(json, kq71test::driver(), kq71rt::registerCatalogue(kq71test::driver()), 1, tags, errors);
 }
 
-TEST_F(TagFile, BadEntriesAreRefusedWithTheEntryAndTheReason)
+TEST(TagFile, BadEntriesAreAllRefusedEachWithItsNumberAndTheReason)
 {
-    const struct {
-        const char *entry;
-        const char *reason;
-    } cases[] = {
-        {R"("speed")", "not a JSON object"},
-        {R"({"name":"Speed","address":"D100","type":"int16"})", "\"name\" must be"},
-        {R"({"name":"a/b","address":"D100","type":"int16"})", "\"name\" must be"},
-        {R"({"name":"a","address":"D100","type":"int8"})", "\"type\" must be one of"},
-        {R"({"name":"a","address":"D100","type":"int16","scale":2})", "unknown key \"scale\""},
-        {R"({"name":"a","type":"int16"})", "\"address\" is missing"},
-        {R"({"name":"a","address":"D100:4","type":"int16"})", "no \":count\""},
-        {R"({"name":"a","address":"Q100","type":"int16"})", "unknown register"},
-        {R"({"name":"a","address":"D99999","type":"int16"})", "out of range"},
-        {R"({"name":"a","address":"X28","type":"bool"})", "octal"},
-        {R"({"name":"a","address":"X20","type":"int16"})", "does not fit"},
-        {R"({"name":"a","address":"D100","type":"bool"})", "bool needs a bit"},
-        {R"({"name":"a","address":"D100.16","type":"bool"})", "0 to 15"},
-        {R"({"name":"a","address":"X20.1","type":"bool"})", "only a 16-bit register"},
-        {R"({"name":"a","address":"200CC200","type":"int16"})", "32-bit register"},
-        {R"({"name":"a","address":"X20","type":"bool","deadband":1})", "no \"deadband\""},
-        {R"({"name":"a","address":"D100","type":"int16","deadband":-1})", "\"deadband\" must be"},
-        {R"({"name":"a","address":"D100","type":"int16","station":0})", "\"station\" must be"},
-        {R"({"name":"a","address":"D100","type":"int16","interval":0.5})", "\"interval\" must be"},
-        {R"({"name":"a","address":"D100","type":"int16","writable":"yes"})", "\"writable\" must be"},
+    const char *reasons[] = {
+        R"("speed")", "not a JSON object",
+        R"({"name":"Speed","address":"D100","type":"int16"})", "\"name\" must be",
+        R"({"name":"b","address":"D100","type":"int8"})", "\"type\" must be one of",
+        R"({"name":"c","address":"D100","type":"int16","scale":2})", "unknown key \"scale\"",
+        R"({"name":"d","type":"int16"})", "\"address\" is missing",
+        R"({"name":"e","address":"D100:4","type":"int16"})", "no \":count\"",
+        R"({"name":"i","address":"X20","type":"int16"})", "does not fit",
+        R"({"name":"j","address":"D100","type":"bool"})", "bool needs a bit",
+        R"({"name":"m","address":"200CC200","type":"int16"})", "32-bit register",
+        R"({"name":"n","address":"X20","type":"bool","deadband":1})", "no \"deadband\"",
+        R"({"name":"o","address":"D100","type":"int16","station":0})", "\"station\" must be",
+        R"({"name":"p","address":"D100","type":"int16","interval":0.5})", "\"interval\" must be",
+        R"({"name":"q","address":"D100","type":"int16","writable":"yes"})", "\"writable\" must be",
+        R"({"name":"ok","address":"D2","type":"int16"})", "the name is taken by tag 1",
     };
-    for (const auto &c : cases) {
-        QVector<Tag> tags;
-        QStringList errors;
-        const QByteArray json = QByteArray(R"([{"name":"ok","address":"D1","type":"int16"},)") + c.entry + "]";
-        EXPECT_FALSE(parse(json, &tags, &errors)) << c.entry;
-        ASSERT_EQ(errors.size(), 1) << c.entry;
-        EXPECT_TRUE(errors[0].startsWith("tag 2")) << qPrintable(errors[0]);
-        EXPECT_TRUE(errors[0].contains(c.reason)) << c.entry << " -> " << qPrintable(errors[0]);
-    }
-    // Every bad entry is listed, not only the first.
+    const int n = int(sizeof reasons / sizeof reasons[0]) / 2;
+    QByteArray file = R"([{"name":"ok","address":"D1","type":"int16"})";
+    for (int i = 0; i < n; ++i)
+        file += QByteArray(",") + reasons[2 * i];
     QVector<Tag> tags;
     QStringList errors;
-    EXPECT_FALSE(parse(R"([{"name":"a","address":"D1","type":"int16"},{"name":"a","address":"D2","type":"int16"},
-                           {"name":"b","address":"D1","type":"nope"}])",
-                       &tags, &errors));
-    ASSERT_EQ(errors.size(), 2);
-    EXPECT_TRUE(errors[0].contains("tag 2 (a): the name is taken by tag 1")) << qPrintable(errors[0]);
-    EXPECT_TRUE(errors[1].startsWith("tag 3 (b)"));
-    for (const char *file : {"{}", "[]", "[", "nonsense"}) {
+    EXPECT_FALSE(parse(file + "]", &tags, &errors));
+    ASSERT_EQ(errors.size(), n) << qPrintable(errors.join('\n'));
+    for (int i = 0; i < n; ++i)
+        EXPECT_TRUE(errors[i].startsWith(QString("tag %1").arg(i + 2)) && errors[i].contains(reasons[2 * i + 1]))
+            << qPrintable(errors[i]);
+    for (const char *bad : {"{}", "[]", "["}) {
         errors.clear();
-        EXPECT_FALSE(parse(file, &tags, &errors)) << file;
-        EXPECT_EQ(errors.size(), 1) << file;
+        EXPECT_FALSE(parse(bad, &tags, &errors) || errors.size() != 1) << bad;
     }
 }
 
-TEST_F(TagFile, ValuesBetweenCacheTextAndSets)
+TEST(TagFile, SetValuesMustFitTheirTagsType)
 {
-    const Tag i16 = one(R"({"name":"a","address":"D1","type":"int16"})");
-    const Tag u16 = one(R"({"name":"a","address":"D1","type":"uint16"})");
-    const Tag i32 = one(R"({"name":"a","address":"D1","type":"int32"})");
-    const Tag u32 = one(R"({"name":"a","address":"200CC200","type":"uint32"})");
-    const Tag f32 = one(R"({"name":"a","address":"D1","type":"float32"})");
-    const Tag bit = one(R"({"name":"a","address":"D1.3","type":"bool"})");
-    const Tag x = one(R"({"name":"a","address":"X1","type":"bool"})");
-
-    // Set value -> raw -> the bytes written -> back from the cache -> text.
+    QVector<Tag> t;
+    QStringList errors;
+    ASSERT_TRUE(parse(R"([{"name":"a","address":"d1","type":"int16","station":7},
+                          {"name":"b","address":"D1","type":"uint16"},
+                          {"name":"c","address":"D1","type":"int32"}, {"name":"d","address":"200CC200","type":"uint32"},
+                          {"name":"e","address":"D1","type":"float32"}, {"name":"f","address":"X1","type":"bool"}])",
+                      &t, &errors)) << qPrintable(errors.join('\n'));
+    EXPECT_EQ(std::make_tuple(t[0].regName, t[0].address, t[0].station), std::make_tuple(QString("D"), 1, 7));
+    const Tag &i16 = t[0], &u16 = t[1], &i32 = t[2], &u32 = t[3], &f32 = t[4], &x = t[5];
     const struct {
         const Tag &tag;
         const char *set;  // as JSON
-        QByteArray bytes;
-        const char *text;
-    } good[] = {
-        {i16, "-42", QByteArray("\xD6\xFF", 2), "-42"},
-        {i16, "\"32767\"", QByteArray("\xFF\x7F", 2), "32767"},
-        {u16, "65535", QByteArray("\xFF\xFF", 2), "65535"},
-        {i32, "-2", QByteArray("\xFE\xFF\xFF\xFF", 4), "-2"},
-        {i32, "70000", QByteArray("\x70\x11\x01\x00", 4), "70000"},  // low word first
-        {u32, "4294967295", QByteArray("\xFF\xFF\xFF\xFF", 4), "4294967295"},
-        {f32, "3.25", QByteArray("\x00\x00\x50\x40", 4), "3.25"},
-        {f32, "\"0.1\"", QByteArray("\xCD\xCC\xCC\x3D", 4), "0.1"},
-        {x, "true", QByteArray("\x01", 1), "1"},
-        {x, "\"0\"", QByteArray("\x00", 1), "0"},
+        bool fits;
+    } cases[] = {
+        {i16, "\"-32768\"", true}, {i16, "32768", false},       {i16, "1.5", false},        {i16, "\"12abc\"", false},
+        {i16, "null", false},      {i16, "[1]", false},         {u16, "65535", true},       {u16, "-1", false},
+        {i32, "\"\"", false},      {u32, "4294967295", true},   {u32, "4294967296", false}, {f32, "1e39", false},
+        {f32, "\"nan\"", false},   {x, "\"0\"", true},           {x, "2", false},            {x, "\"yes\"", false},
     };
-    for (const auto &c : good) {
-        const QJsonValue v = QJsonDocument::fromJson(QByteArray("[") + c.set + "]").array().at(0);
+    for (const auto &c : cases) {
         quint32 raw = 0;
         QString why;
-        ASSERT_TRUE(parseValue(c.tag, v, &raw, &why)) << c.set << ": " << qPrintable(why);
-        EXPECT_EQ(encodeRaw(c.tag, raw).toHex(), c.bytes.toHex()) << c.set;
-        EXPECT_EQ(valueText(c.tag, decodeRaw(c.tag, c.bytes)), c.text) << c.set;
-    }
-    // A bit of a word keeps the word's other bits.
-    EXPECT_EQ(encodeRaw(bit, 1, 0x8001).toHex(), QByteArray("0980"));
-    EXPECT_EQ(encodeRaw(bit, 0, 0xFFFF).toHex(), QByteArray("f7ff"));
-    EXPECT_EQ(decodeRaw(bit, QByteArray("\x08\x00", 2)), 1u);
-    EXPECT_EQ(decodeRaw(bit, QByteArray("\xF7\xFF", 2)), 0u);
-
-    const struct {
-        const Tag &tag;
-        const char *set;
-    } bad[] = {{i16, "32768"}, {i16, "1.5"},  {u16, "-1"},      {u32, "4294967296"}, {f32, "1e39"},
-               {f32, "\"nan\""}, {x, "2"},   {x, "\"yes\""}, {i16, "\"12abc\""}, {i16, "null"},
-               {i16, "[1]"},     {i32, "\"\""}};
-    for (const auto &c : bad) {
         const QJsonValue v = QJsonDocument::fromJson(QByteArray("[") + c.set + "]").array().at(0);
-        quint32 raw = 0;
-        QString why;
-        EXPECT_FALSE(parseValue(c.tag, v, &raw, &why)) << c.set;
-        EXPECT_FALSE(why.isEmpty()) << c.set;
+        const bool fits = parseValue(c.tag, v, &raw, &why);
+        EXPECT_TRUE(fits == c.fits && why.isEmpty() == c.fits) << c.set << ": " << qPrintable(why);
     }
 }
 
