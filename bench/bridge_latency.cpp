@@ -113,7 +113,7 @@ struct Bench {
         link.open(&error);
         runtime.start();
         MqttSettings ms;
-        ms.port = broker.port();
+        ms.port = broker.port;
         mqtt.reset(new MqttClient(ms));
         BridgeOptions bo;
         bo.root = "bench";
@@ -156,7 +156,7 @@ void BM_BridgeLatency(benchmark::State &state)
     const int n = int(state.range(0));
     Bench b(n, true);
     b.warmUp();
-    Stamper subscriber(b.broker.port());
+    Stamper subscriber(b.broker.port);
     std::mt19937 rng(7);
     std::vector<double> latencies;
     double cycleMs = 0;

@@ -1,6 +1,6 @@
 // The driver as a runtime meets it: a file opened with dlopen, entry points
-// found by name, records passed by pointer. One whole cycle in contract, then
-// the calls a runtime should never make: null pointers, negative and oversized
+// found by name, records passed by pointer: the fresh-load state, then the
+// calls a runtime should never make: null pointers, negative and oversized
 // lengths, exchanges before intf_initProperty. None may crash, hang or grow
 // without bound; each gives the code listed in docs/robustness.md.
 #include "entry_points.h"
@@ -176,31 +176,6 @@ protected:
     std::vector<unsigned char> recipe_ = std::vector<unsigned char>(4096, 0);
     QMutex mutex_;
 };
-
-// One whole cyclic read through the exported names only: plan, frame out,
-// reply in, callback, value read back in the runtime's byte order.
-TEST_F(LoadedLibrary, CyclicReadOfWatchedWordsReachesCallbackAndCache)
-{
-    int status = -1;
-    ASSERT_EQ(init("5#0#0#3#10", &status), 1);
-    EXPECT_EQ(status, 0);
-    ASSERT_EQ(watch(key("D", 100, 3)), 1);
-
-    FRAME_PRO out;
-    ASSERT_EQ(a.intf_getSendFrame(&out), 1);
-    EXPECT_EQ(kq71test::hexText(out.frame, out.sendLen), "01 03 43 9C 00 03 D0 61");
-    EXPECT_EQ(std::make_tuple(out.recvLen, out.dataPos, out.itemCount, out.var.id), std::make_tuple(11, 3, 3, 4));
-
-    QByteArray reply("\x01\x03\x06\x00\x01\x00\x02\x00\x03\xFD\x74", 11);
-    QString errorText;
-    EXPECT_EQ(a.intf_dealRcvFrame(&reply, &errorText), 1);
-    EXPECT_EQ(errorText, QString("1#D100(3)"));
-    EXPECT_EQ(g_reports, (std::vector<Report>{{5, 1, "D", 100}, {5, 1, "D", 101}, {5, 1, "D", 102}}));
-
-    unsigned char values[7] = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
-    EXPECT_EQ(getData("D", 100, 3, values), 1);
-    EXPECT_EQ(kq71test::hexText(values, 7), "01 00 02 00 03 00 EE");
-}
 
 TEST_F(LoadedLibrary, BeforeInitPropertyOnlyAWriteGoesOutAndInitPropertyClearsIt)
 {

@@ -126,6 +126,31 @@ inline bool waitUntil(const std::function<bool()> &done, const std::function<voi
     return done();
 }
 
+// kq71-sim as a child process; `first` says where it listens:
+// "PTY /dev/pts/N" or "TCP 127.0.0.1:PORT".
+struct SimProcess : QProcess {
+    explicit SimProcess(const QStringList &args)
+    {
+        setStandardErrorFile(QProcess::nullDevice());
+        start(KQ71_SIM_EXE, args);
+        while (waitForStarted() && !canReadLine() && waitForReadyRead(5000)) {
+        }
+        first = QString::fromLocal8Bit(readLine()).trimmed();
+    }
+    ~SimProcess() override
+    {
+        if (state() != NotRunning && !stop())
+            kill();
+        waitForFinished();
+    }
+    bool stop() // SIGTERM; the exit status is then the test's to check
+    {
+        terminate();
+        return waitForFinished(3000);
+    }
+    QString first;
+};
+
 } // namespace kq71test
 
 #endif

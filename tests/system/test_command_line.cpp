@@ -1,5 +1,4 @@
 // The kq71 program as a script uses it: exit status and output, run after run.
-#include "sim_process.h"
 #include "support.h"
 
 #include <QtCore/QFile>

@@ -4,7 +4,6 @@
 // driver's cache proves against the simulator's memory under faults, for
 // every kind of register (SimulatedPlc).
 #include "plc_simulator.h"
-#include "sim_process.h"
 #include "support.h"
 
 #include <gtest/gtest.h>

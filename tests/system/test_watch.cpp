@@ -1,7 +1,6 @@
 // kq71 watch as a commissioning engineer leans on it: paced polling, the
 // quality of each value, the station's and the link's state over a real
 // pseudo-terminal and TCP, and a dead peer that costs next to nothing.
-#include "sim_process.h"
 #include "support.h"
 
 #include <QtCore/QFile>

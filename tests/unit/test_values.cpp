@@ -213,28 +213,6 @@ TEST_F(BitsInWords, WrittenBitGoesOutInAWordWriteAndOutlivesAReplyUntilItSettles
     EXPECT_EQ(reportsOf("D_bit", {1600}), reports());
 }
 
-TEST_F(BitsInWords, BitsWrittenAfterAWriteWasBuiltWaitForTheirOwnWrite)
-{
-    for (bool acknowledged : {true, false}) {
-        SCOPED_TRACE(acknowledged ? "the first write acknowledged" : "the first write given up");
-        configure("1#0#0#1#10");
-        plc.regs.clear();
-        replyOfWords(100, {0});
-        set("D_bit", 1605, 1, {1});
-        const FRAME_PRO first = nextFrame();
-        set("D_bit", 1606, 1, {1});
-        EXPECT_EQ(acknowledged ? 1 : 2, answerWith(acknowledged ? plc.answer(first) : WRITE_REFUSED));
-        replyOfWords(100, {quint16(acknowledged ? 0x0020 : 0)}); // without bit 6, which still waits
-        EXPECT_EQ(std::make_pair(acknowledged ? 0x0060 : 0x0040, 1),
-                  std::make_pair(word("D", 100), int(unit("D", 100).writePending)));
-        FRAME_PRO second; // built with both bits
-        EXPECT_EQ(1, step(&second));
-        EXPECT_EQ(0x06, second.frame[1]);
-        EXPECT_EQ(std::make_tuple(0x0060, 0x0060, 0),
-                  std::make_tuple(int(plc.regs[D100]), word("D", 100), unit("D", 100).bitWritePending));
-    }
-}
-
 TEST_F(BitsInWords, BitOfAWordNeverReadIsWrittenAfterTheWordIsRead)
 {
     plc.regs = {{D100, 0x1234}, {D100 + 1, 0x0001}};
