@@ -3,6 +3,8 @@
 // against the fuzz editor target's model, replayed over its kept inputs.
 #include "test_support.h"
 
+#include <QtCore/QStringList>
+
 #include <cstdlib>
 
 using namespace kq71test;
