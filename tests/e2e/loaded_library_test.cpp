@@ -4,6 +4,7 @@
 // lengths, exchanges before intf_initProperty. None may crash, hang or grow
 // without bound; each gives the code listed in docs/robustness.md.
 #include "entry_points.h"
+#include "records.h"
 #include "../qt_compat.h"
 
 #include <dlfcn.h>
@@ -20,6 +21,8 @@
 #include <vector>
 
 namespace {
+
+using kq71test::key;
 
 // The entry points of one loaded copy of the library, typed as declared.
 struct Api {
@@ -78,17 +81,6 @@ QByteArray goodReply(const FRAME_PRO &f)
     if (f.itemCount)
         body.append(char(f.recvLen - 5)).append(QByteArray(f.recvLen > 5 ? f.recvLen - 5 : 0, '\0'));
     return withCrc(body);
-}
-
-KEY_ADDRESS key(const char *reg, int address, int length, int dataType = 0)
-{
-    KEY_ADDRESS k;
-    k.station = 1;
-    k.regName = reg;
-    k.address = address;
-    k.length = length;
-    k.dataType = dataType;
-    return k;
 }
 
 class LoadedLibrary : public ::testing::Test {
@@ -215,7 +207,7 @@ protected:
 
 TEST_F(OutOfContract, NullPointersAreRefusedAndChangeNothing)
 {
-    ASSERT_EQ(watch(key("D", 100, 3)), 1);
+    ASSERT_EQ(watch(key(1, "D", 100, 3)), 1);
     a.intf_getProtocolType(nullptr);
     a.intf_getDriverParameter(nullptr);
     a.intf_getDriverPropertyPage(nullptr);
@@ -274,7 +266,7 @@ TEST_F(OutOfContract, SetupCallsWithNullPointers)
     int status = -1;
     EXPECT_EQ(a.intf_initProperty(shared_.data(), nullptr, recipe_.data(), &status, nullptr, &mutex_), 1);
     EXPECT_EQ(status, 0);
-    ASSERT_EQ(watch(key("D", 100, 1)), 1);
+    ASSERT_EQ(watch(key(1, "D", 100, 1)), 1);
     const QByteArray nothing;
     for (int expected : {8, 8, 2})
         EXPECT_EQ(exchange(nullptr, &nothing), expected);
@@ -292,7 +284,7 @@ TEST_F(OutOfContract, SetupCallsWithNullPointers)
 
     // Without the shared memory no recipe flag is seen; the cycle still runs.
     EXPECT_EQ(a.intf_initProperty(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 1);
-    ASSERT_EQ(watch(key("D", 100, 1)), 1);
+    ASSERT_EQ(watch(key(1, "D", 100, 1)), 1);
     ASSERT_EQ(setRecipe(200, 2, 0), 1);
     shared_[KQ71_RECIPE_WRITE_FLAG] = 1;
     EXPECT_EQ(exchange(&f), 1);
@@ -301,7 +293,7 @@ TEST_F(OutOfContract, SetupCallsWithNullPointers)
     // Without a callback changes and batch ends go unreported.
     a.intf_setAddrValueChangeCallBack(nullptr);
     g_reports.clear();
-    EXPECT_EQ(conditionRead(key("D", 300, 1)), 1);
+    EXPECT_EQ(conditionRead(key(1, "D", 300, 1)), 1);
     const QByteArray reply = withCrc(QByteArray("\x01\x03\x02\x12\x34", 5));
     EXPECT_EQ(exchange(nullptr, &reply), 1);
     EXPECT_EQ(exchange(nullptr, &reply), 1);
@@ -359,19 +351,19 @@ TEST_F(OutOfContract, WritesOfAnyLength)
 // int range plan jobs that each come to an end.
 TEST_F(OutOfContract, OversizedRequestsStayBounded)
 {
-    EXPECT_EQ(conditionRead(key("D", 100, 0)), 1);
+    EXPECT_EQ(conditionRead(key(1, "D", 100, 0)), 1);
     EXPECT_EQ(exchange(), -1);
-    EXPECT_EQ(conditionRead(key("D", 0, INT_MAX)), 1);
+    EXPECT_EQ(conditionRead(key(1, "D", 0, INT_MAX)), 1);
     int pieces = 0;
     while (pieces < 2000 && exchange() == 1)
         ++pieces;
     EXPECT_EQ(pieces, 513);
     EXPECT_EQ(g_reports, (std::vector<Report>{{-1, -1, "-1", 0}, {-1, -1, "-1", 0}}));
     EXPECT_EQ(setRecipe(0, INT_MAX, 0), 1);
-    const int jobs = watch(key("D", 0, INT_MAX));
+    const int jobs = watch(key(1, "D", 0, INT_MAX));
     EXPECT_TRUE(jobs >= 1 && jobs <= 0x10000 / 128) << jobs;
-    QList<KEY_ADDRESS> keys{key("D", INT_MIN, -5), key("M", INT_MAX - 40, 1000, -1), key("200CC", 200, INT_MIN),
-                            key("D", -100, 50)};
+    QList<KEY_ADDRESS> keys{key(1, "D", INT_MIN, -5), key(1, "M", INT_MAX - 40, 1000, -1), key(1, "200CC", 200, INT_MIN),
+                            key(1, "D", -100, 50)};
     const QByteArray nothing;
     const int planned = a.intf_addrMerge(&keys);
     EXPECT_GE(planned, 1);

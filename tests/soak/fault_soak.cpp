@@ -3,6 +3,7 @@
 // condition reads and recipe transfers go on and the watch list changes.
 // Prints one summary line and exits non-zero naming every failed check.
 #include "address_text.h"
+#include "records.h"
 #include "plc_simulator.h"
 #include "runtime.h"
 #include "sim_link.h"
@@ -70,13 +71,8 @@ quint32 plc(kq71sim::PlcSimulator &sim, const QString &reg, int address, qint64 
 
 KEY_ADDRESS key(const QString &reg, int address, int units)
 {
-    KEY_ADDRESS k;
-    k.station = STATION;
-    k.regName = reg;
-    k.address = address;
-    k.dataType = driverDataType(unitKindOf(reg));
-    k.length = driverLength(unitKindOf(reg), units);
-    return k;
+    const UnitKind kind = unitKindOf(reg);
+    return kq71test::key(STATION, reg, address, driverLength(kind, units), driverDataType(kind));
 }
 int keyUnits(const KEY_ADDRESS &k) { return k.dataType == 1 ? k.length / 2 : k.length; }
 

@@ -5,6 +5,7 @@
 #define KQ71_TEST_SUPPORT_H
 
 #include "driver_internals.h"
+#include "records.h"
 #include "../qt_compat.h"
 
 #include <QtCore/QByteArray>
@@ -41,22 +42,6 @@ inline Bytes withCrc(Bytes b)
 inline QByteArray toQt(const Bytes &b) { return QByteArray(reinterpret_cast<const char *>(b.data()), int(b.size())); }
 inline Bytes sentBytes(const FRAME_PRO &f) { return Bytes(f.frame, f.frame + f.sendLen); }
 
-// A record naming units: KEY_ADDRESS, VARIABLE or _RCP_VAR_PRO.
-template <class T> T named(int station, const QString &reg, int address, int length)
-{
-    T r;
-    r.station = station;
-    r.regName = reg;
-    r.address = address;
-    r.length = length;
-    return r;
-}
-inline KEY_ADDRESS key(int station, const QString &reg, int address, int length, int dataType = 0)
-{
-    KEY_ADDRESS k = named<KEY_ADDRESS>(station, reg, address, length);
-    k.dataType = dataType;
-    return k;
-}
 inline VARIABLE job(const QString &reg, int address, int length) { return named<VARIABLE>(1, reg, address, length); }
 
 // One call of the value-change callback: deviceId, station, register, address.
